@@ -1,0 +1,169 @@
+// KorvoHelperTool: the helper's one service object. Every request of the
+// client arrives as a call of one of its request methods; settings made
+// through the setters last for the life of the process and are shared by all
+// clients.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/Bundle.h"
+#include "core/Error.h"
+#include "platform/CodeSigning.h"
+#include "util/Value.h"
+
+namespace korvo {
+
+class CSCapturedProcessOutput;
+class SerialQueue;
+
+namespace platform {
+class ServiceListener;
+class ServiceListenerDelegate;
+class TunnelInterfaceConfigurator;
+}  // namespace platform
+
+using ErrorReply = std::function<void(const MaybeError&)>;
+using PidReply = std::function<void(const MaybeError&, std::int32_t pid)>;
+using StringReply = std::function<void(const MaybeError&, const std::optional<std::string>&)>;
+using Environment = std::map<std::string, std::string>;
+
+inline constexpr std::string_view HelperServiceName = "com.tallowmar.korvo.utility";
+inline constexpr std::string_view KorvoApplicationIdentifier = "com.tallowmar.Korvo";
+inline constexpr std::string_view KorvoRunDirectory = "/var/run/Korvo";
+
+// The platform services the service object uses. production() gives the real
+// ones; tests replace single services or leave the listener out.
+struct HelperServices {
+    std::shared_ptr<platform::CodeSigning> codeSigning;
+    std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces;
+    // Creates the listener for the named service; null: the tool runs without
+    // one (a unit test driving the request methods directly).
+    std::function<std::unique_ptr<platform::ServiceListener>(std::string_view serviceName,
+                                                             platform::ServiceListenerDelegate& delegate)>
+        makeListener;
+    // Finds the client application's bundle path; nullopt when none is installed.
+    std::function<std::optional<std::string>()> locateApplicationBundle;
+
+    static HelperServices production();
+};
+
+class KorvoHelperTool {
+public:
+    // init: sets the defaults, loads persisted state and creates the listener.
+    explicit KorvoHelperTool(HelperServices services = HelperServices::production());
+    ~KorvoHelperTool();
+    KorvoHelperTool(const KorvoHelperTool&) = delete;
+    KorvoHelperTool& operator=(const KorvoHelperTool&) = delete;
+
+    // Resumes the listener and serves requests until terminateWithReply.
+    void run();
+
+    // --- Requests without a reply -------------------------------------------
+    void setKorvoBundlePath(const std::optional<std::string>& path);
+    void setTmpDirPath(const std::optional<std::string>& path);
+    void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath);
+    void setVPNDebugLoggingEnabled(bool enabled);
+
+    // --- Requests with a reply ----------------------------------------------
+    void terminateWithReply(ErrorReply reply);
+
+    void connectOpenVPNWithConfig(const std::optional<std::string>& configPath, std::uint64_t managementPort,
+                                  StringReply reply);
+    void connectVPNCWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort, PidReply reply);
+    void connectSSHWithConfig(const std::optional<std::string>& configPath, const std::optional<std::string>& host,
+                              const std::optional<std::string>& credentials, std::uint64_t comPort, PidReply reply);
+    void connectOpenConnectWithConfig(const std::optional<std::string>& configPath,
+                                      const std::optional<std::string>& host,
+                                      const std::optional<std::string>& resolve,
+                                      const std::optional<std::string>& credentials,
+                                      const std::optional<std::string>& hash, std::uint64_t comPort,
+                                      PidReply reply);
+    void connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+                                    PidReply reply);
+    void connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+                                    PidReply reply);
+    // The shared WireGuard-family procedure behind the two requests above.
+    void connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
+                                           const std::string& userspaceExecutableName,
+                                           const std::string& controlExecutableName,
+                                           const std::string& displayName, const std::string& uapiDirectory,
+                                           std::uint64_t comPort, PidReply reply);
+
+    // --- Process runner -------------------------------------------------------
+    // Starts the executable at path after checking its signature; returns the
+    // child's process identifier, or -1 with *error set (when error is given).
+    pid_t runServiceAtPath(const std::optional<std::string>& path,
+                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
+                           bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
+                           std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error);
+    pid_t runServiceAtPath(const std::optional<std::string>& path,
+                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
+                           bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
+                           MaybeError* error);
+    pid_t runServiceAtPath(const std::optional<std::string>& path,
+                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
+                           bool waitUntilExit, MaybeError* error);
+    // A connected TCP socket to the client's com port on this host (the
+    // caller owns the descriptor), or -1.
+    int openSocketOnPort(std::uint64_t port);
+    bool killProcessWithID(pid_t pid, int signal);
+    platform::CodeSignState codeSignStateForExecutable(const std::string& path);
+
+    // --- Backend helpers shared by several backends ---------------------------
+    Environment opensslLegacyProviderEnvironment();
+    static bool configFileAtPath(const std::string& path, const std::string& directive);
+
+    // --- Fields -----------------------------------------------------------------
+    std::string tmpDirPath() const;
+    std::optional<Bundle> korvoBundle() const;
+    bool vpnDebugLoggingEnabled() const;
+    bool networkDiagnosticsCaptureEnabled() const;
+    std::optional<std::string> networkDiagnosticsLogPath() const;
+    std::int64_t networkDiagnosticsActiveConnectionCount() const;
+    SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
+    SerialQueue& networkResetQueue() { return *networkResetQueue_; }
+    platform::ServiceListener* listener() const { return listener_.get(); }
+    const HelperServices& services() const { return services_; }
+
+    // The service object's own lock: guards the fields below, the transaction
+    // store and the diagnostics count. Never held across a slow operation.
+    std::recursive_mutex& objectLock() const { return objectLock_; }
+
+private:
+    HelperServices services_;
+
+    mutable std::recursive_mutex objectLock_;
+    std::string tmpDirPath_;
+    std::optional<Bundle> korvoBundle_;
+    std::map<std::string, Dictionary> networkTransactions_;
+    bool networkDiagnosticsCaptureEnabled_ = false;
+    std::optional<std::string> networkDiagnosticsLogPath_;
+    std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
+    std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
+    std::unique_ptr<SerialQueue> networkResetQueue_;
+    std::mutex networkDiagnosticsLogLock_;
+    std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
+    bool vpnDebugLoggingEnabled_ = false;
+
+    std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;
+    std::unique_ptr<platform::ServiceListener> listener_;
+
+    // run() blocks on this until terminateWithReply asks it to stop.
+    std::mutex runMutex_;
+    std::condition_variable runCondition_;
+    bool running_ = false;
+    bool stopRequested_ = false;
+};
+
+}  // namespace korvo

@@ -1,0 +1,69 @@
+#include "core/Protocol.h"
+
+namespace korvo {
+
+const std::vector<OperationSpec>& helperOperations() {
+    static const std::vector<OperationSpec> operations = [] {
+        std::vector<OperationSpec> all;
+        for (auto part : {coreOperations()}) {
+            for (auto& op : part) all.push_back(std::move(op));
+        }
+        return all;
+    }();
+    return operations;
+}
+
+const OperationSpec* findOperation(const std::string& name) {
+    for (const auto& op : helperOperations()) {
+        if (op.name == name) return &op;
+    }
+    return nullptr;
+}
+
+Dictionary errorReply(const MaybeError& error) {
+    Dictionary reply;
+    if (error) reply["error"] = error->toDictionary();
+    return reply;
+}
+
+Dictionary pidReply(const MaybeError& error, std::int32_t pid) {
+    Dictionary reply = errorReply(error);
+    reply["pid"] = static_cast<std::int64_t>(pid);
+    return reply;
+}
+
+Dictionary resultReply(const MaybeError& error, const std::optional<std::string>& result) {
+    Dictionary reply = errorReply(error);
+    if (result) reply["result"] = *result;
+    return reply;
+}
+
+std::optional<std::string> stringArgument(const Dictionary& arguments, const std::string& key) {
+    return stringForKey(arguments, key);
+}
+
+bool booleanArgument(const Dictionary& arguments, const std::string& key) {
+    auto it = arguments.find(key);
+    return it != arguments.end() && it->second.boolValue().value_or(false);
+}
+
+std::int64_t integerArgument(const Dictionary& arguments, const std::string& key) {
+    auto it = arguments.find(key);
+    return it == arguments.end() ? 0 : it->second.integerValue().value_or(0);
+}
+
+std::uint64_t unsignedArgument(const Dictionary& arguments, const std::string& key) {
+    return static_cast<std::uint64_t>(integerArgument(arguments, key));
+}
+
+std::optional<std::vector<std::string>> stringArrayArgument(const Dictionary& arguments, const std::string& key) {
+    auto it = arguments.find(key);
+    if (it == arguments.end() || !it->second.asArray()) return std::nullopt;
+    std::vector<std::string> out;
+    for (const auto& item : *it->second.asArray()) {
+        if (const auto* s = item.asString()) out.push_back(*s);
+    }
+    return out;
+}
+
+}  // namespace korvo

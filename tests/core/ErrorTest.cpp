@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "core/Error.h"
+
+using namespace korvo;
+
+namespace {
+const std::string kParamText = "At least one of the provided parameters for this operation is invalid.";
+}
+
+TEST(KorvoError, DescriptionJoinsTableTextAndMessageWithTwoLineFeeds) {
+    KorvoError e = errorWithKorvoErrorCode(64, std::string("x"));
+    EXPECT_EQ(e.domain, "com.tallowmar.Korvo");
+    EXPECT_EQ(e.code, 64);
+    EXPECT_EQ(e.localizedDescription(), kParamText + "\n\nx");
+    EXPECT_EQ(errorWithKorvoErrorCode(64).localizedDescription(), kParamText);
+}
+
+TEST(KorvoError, CodesWithoutDescription) {
+    // 60 and 72 have no text: the message alone, or no user information at all.
+    for (int code : {60, 72}) {
+        EXPECT_EQ(localizedDescriptionForKorvoErrorCode(code), std::nullopt);
+        EXPECT_EQ(errorWithKorvoErrorCode(code, std::string("x")).localizedDescription(), "x");
+        KorvoError bare = errorWithKorvoErrorCode(code);
+        EXPECT_EQ(bare.userInfo, std::nullopt) << code;
+        EXPECT_EQ(bare.code, code);
+    }
+    // Above the table, and negative codes (compared unsigned), likewise.
+    for (std::int64_t code : {std::int64_t{75}, std::int64_t{1000}, std::int64_t{-1}, std::int64_t{INT64_MIN}}) {
+        EXPECT_EQ(localizedDescriptionForKorvoErrorCode(code), std::nullopt) << code;
+        EXPECT_EQ(errorWithKorvoErrorCode(code).userInfo, std::nullopt) << code;
+    }
+}
+
+TEST(KorvoError, TableTextsKeepTheirExactSpelling) {
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(0), "No Error.");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(1),
+              "A general error occured. Please get in contact with the support from Pembrant.");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(46), "(Reason Not Specified by Peer)");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(47), "Autoupdate Shutdown");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(50), localizedDescriptionForKorvoErrorCode(51));
+    EXPECT_EQ(*localizedDescriptionForKorvoErrorCode(26),
+              "User authentication failed. Please check the provided username and password and try again.");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(31), "User authentication failed.");
+    EXPECT_EQ(localizedDescriptionForKorvoErrorCode(74),
+              "Your network configuration was mostly reset, but a VPN process could not be fully cleaned up. If you "
+              "still experience issues, please restart your computer.");
+    const std::string des = *localizedDescriptionForKorvoErrorCode(54);
+    EXPECT_EQ(des.rfind("Peer selected 'Single DES' as encrytion method.", 0), 0u);
+    EXPECT_NE(des.find("Knowledge Base at " + std::string(KorvoKnowledgeBaseURL) + "."), std::string::npos);
+    EXPECT_EQ(des.back(), '.');
+    for (int code = 0; code <= 74; ++code) {
+        if (code == 60 || code == 72) continue;
+        ASSERT_TRUE(localizedDescriptionForKorvoErrorCode(code)) << code;
+        EXPECT_FALSE(localizedDescriptionForKorvoErrorCode(code)->empty()) << code;
+    }
+}
+
+TEST(KorvoError, CallerUserInfoIsCopiedAndKept) {
+    const Dictionary info{{"extra", 5}};
+    KorvoError e = errorWithKorvoErrorCode(66, std::string("m"), info);
+    ASSERT_TRUE(e.userInfo);
+    EXPECT_EQ(e.userInfo->at("extra"), Value(5));
+    EXPECT_EQ(info.size(), 1u);
+    // An unknown code with caller info and no message keeps just the caller's info.
+    KorvoError unknown = errorWithKorvoErrorCode(99, std::nullopt, info);
+    EXPECT_EQ(unknown.userInfo, info);
+}
+
+TEST(KorvoError, RoundTripsThroughItsDictionaryForm) {
+    KorvoError e = errorWithKorvoErrorCode(68, std::string("boom"));
+    auto back = KorvoError::fromDictionary(e.toDictionary());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, e);
+    EXPECT_EQ(KorvoError::fromDictionary(Dictionary{{"code", 1}}), std::nullopt);
+}
+
+TEST(FileSystemError, FollowsFoundationCodesAndKeepsPosixError) {
+    EXPECT_EQ(fileSystemError(ENOENT, FileOperation::Remove, "/x/y").code, 4);
+    EXPECT_EQ(fileSystemError(ENOENT, FileOperation::Read, "/x/y").code, 260);
+    EXPECT_EQ(fileSystemError(ENOENT, FileOperation::ListDirectory, "/x").code, 260);
+    EXPECT_EQ(fileSystemError(EACCES, FileOperation::Write, "/x").code, 513);
+    EXPECT_EQ(fileSystemError(EPERM, FileOperation::SetAttributes, "/x").code, 513);
+    EXPECT_EQ(fileSystemError(EACCES, FileOperation::Read, "/x").code, 257);
+    KorvoError e = fileSystemError(ENOENT, FileOperation::Remove, "/x/y");
+    EXPECT_EQ(e.domain, "NSCocoaErrorDomain");
+    const auto& underlying = *e.userInfo->at("NSUnderlyingError").asDictionary();
+    EXPECT_EQ(underlying.at("domain"), Value("NSPOSIXErrorDomain"));
+    EXPECT_EQ(underlying.at("code"), Value(ENOENT));
+    EXPECT_EQ(e.userInfo->at("NSFilePath"), Value("/x/y"));
+    EXPECT_NE(e.localizedDescription()->find("\"y\""), std::string::npos);
+}

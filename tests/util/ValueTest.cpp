@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "util/FileSystem.h"
+#include "util/PropertyList.h"
+#include "util/Utf8.h"
+#include "util/Value.h"
+
+using namespace korvo;
+
+TEST(Value, NumbersCompareByValueAcrossBooleanIntegerAndReal) {
+    EXPECT_EQ(Value(true), Value(1));
+    EXPECT_EQ(Value(0), Value(false));
+    EXPECT_EQ(Value(2.0), Value(2));
+    EXPECT_FALSE(Value(2.5) == Value(2));
+    EXPECT_FALSE(Value("1") == Value(1));
+    EXPECT_EQ(Value(3.9).integerValue(), 3);
+    EXPECT_EQ(Value("x").integerValue(), std::nullopt);
+    EXPECT_TRUE(Value(true).isNumber());
+}
+
+TEST(PropertyList, RoundTripsEveryTypeIncludingNegativeIntegers) {
+    Dictionary d{{"s", "text <&>"},     {"neg", -5},   {"big", INT64_MAX}, {"b", true},
+                 {"r", 1.5},            {"data", Data{0, 1, 255}},
+                 {"a", Array{1, "two", Dictionary{{"k", false}}}}};
+    const std::string xml = writeXMLPropertyList(d);
+    EXPECT_NE(xml.find("<integer>-5</integer>"), std::string::npos);
+    auto back = readPropertyList(xml);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, Value(d));
+    // Booleans stay booleans through a file.
+    EXPECT_TRUE(back->asDictionary()->at("b").isBooleanStorage());
+}
+
+TEST(PropertyList, MalformedInputGivesNothing) {
+    EXPECT_EQ(readPropertyList(""), std::nullopt);
+    EXPECT_EQ(readPropertyList("<plist><dict><key>a</key>"), std::nullopt);
+    EXPECT_EQ(readPropertyList(std::string("\0\0\0", 3)), std::nullopt);
+}
+
+TEST(Utf8, RejectsMalformedSequences) {
+    EXPECT_TRUE(isValidUTF8("plain"));
+    EXPECT_TRUE(isValidUTF8("\xC3\xA9\xF0\x9F\x98\x80"));
+    EXPECT_TRUE(isValidUTF8(std::string("a\0b", 3)));
+    EXPECT_FALSE(isValidUTF8("\xC0\xAF"));          // overlong
+    EXPECT_FALSE(isValidUTF8("\xED\xA0\x80"));      // surrogate
+    EXPECT_FALSE(isValidUTF8("\xF4\x90\x80\x80"));  // above U+10FFFF
+    EXPECT_FALSE(isValidUTF8("\xE2\x82"));          // truncated
+}
+
+class FileSystemTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/korvo-fs-XXXXXX";
+        dir_ = ::mkdtemp(tmpl);
+    }
+    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    std::string dir_;
+};
+
+TEST_F(FileSystemTest, AtomicWriteReplacesContentsAndSetsMode) {
+    const std::string path = dir_ + "/f.txt";
+    ASSERT_FALSE(writeFileAtomically(path, std::string_view("one"), 0600));
+    ASSERT_FALSE(writeFileAtomically(path, std::string_view("two"), 0640));
+    EXPECT_EQ(*readUTF8File(path), "two");
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    // No temporary file is left behind.
+    EXPECT_EQ(directoryEntries(dir_)->size(), 1u);
+}
+
+TEST_F(FileSystemTest, FailuresCarryFoundationCodes) {
+    EXPECT_EQ(readFile(dir_ + "/missing").error().code, 260);
+    EXPECT_EQ(removeFile(dir_ + "/missing")->code, 4);
+    EXPECT_EQ(setPosixPermissions(dir_ + "/missing", 0755)->code, 4);
+    EXPECT_EQ(writeFileAtomically(dir_ + "/no/such/dir/f", std::string_view("x"))->code, 4);
+    ASSERT_FALSE(writeFileAtomically(dir_ + "/latin1", std::string_view("\xE9t\xE9")));
+    EXPECT_EQ(readUTF8File(dir_ + "/latin1").error().code, 261);
+}
+
+TEST_F(FileSystemTest, CreatesIntermediateDirectories) {
+    ASSERT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
+    EXPECT_TRUE(isDirectory(dir_ + "/a/b/c"));
+    EXPECT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
+}
+
+TEST(PathComponents, NameWithoutExtensionAndJoin) {
+    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/My VPN.conf"), "My VPN");
+    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/a.b.ovpn"), "a.b");
+    EXPECT_EQ(lastPathComponentWithoutExtension("noext"), "noext");
+    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/.hidden"), ".hidden");
+    EXPECT_EQ(appendPathComponent("/tmp/", "x.log"), "/tmp/x.log");
+    EXPECT_EQ(appendPathComponent("/", "x"), "/x");
+}
