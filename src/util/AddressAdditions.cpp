@@ -1,0 +1,112 @@
+#include "util/AddressAdditions.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "util/CharacterSets.h"
+
+namespace korvo {
+
+namespace {
+
+// inet_pton wants a C string; text with a NUL in it is no address.
+bool parsesAsAddress(int family, std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) return false;
+    const std::string terminated(text);
+    in6_addr buffer{};
+    return inet_pton(family, terminated.c_str(), &buffer) == 1;
+}
+
+bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads a signed decimal integer the way a number scanner does: leading white
+// space skipped, an optional sign, at least one digit; a value beyond 64 bits
+// saturates. True only when the whole text is consumed.
+bool scanWholeInteger(std::string_view text, std::int64_t& value) {
+    std::size_t index = 0;
+    while (index < text.size()) {
+        std::size_t next = index;
+        if (!isWhitespaceOrNewline(nextCodePoint(text, next))) break;
+        index = next;
+    }
+    bool negative = false;
+    if (index < text.size() && (text[index] == '+' || text[index] == '-')) {
+        negative = text[index] == '-';
+        ++index;
+    }
+    const std::size_t digitsStart = index;
+    constexpr std::uint64_t kLimit = static_cast<std::uint64_t>(INT64_MAX) + 1;
+    std::uint64_t magnitude = 0;
+    for (; index < text.size() && isAsciiDigit(text[index]); ++index) {
+        magnitude = std::min<std::uint64_t>(kLimit, magnitude * 10 + static_cast<unsigned>(text[index] - '0'));
+    }
+    if (index == digitsStart || index != text.size()) return false;
+    if (negative) {
+        value = magnitude == kLimit ? INT64_MIN : -static_cast<std::int64_t>(magnitude);
+    } else {
+        value = magnitude >= kLimit ? INT64_MAX : static_cast<std::int64_t>(magnitude);
+    }
+    return true;
+}
+
+bool isDefaultRouteCIDR(int family, std::string_view text) {
+    const auto prefix = prefixLengthFromCIDR(text);
+    if (!prefix || *prefix != 0) return false;
+    const auto host = hostAddressFromCIDR(text);
+    return host && !host->empty() && parsesAsAddress(family, *host);
+}
+
+}  // namespace
+
+bool isValidIPAddress(std::string_view text) {
+    return parsesAsAddress(AF_INET, text) || parsesAsAddress(AF_INET6, text);
+}
+
+bool isIPv6Address(std::string_view text) {
+    return isValidIPAddress(text) && text.find(':') != std::string_view::npos;
+}
+
+std::optional<std::string> hostAddressFromCIDR(std::string_view text) {
+    const std::string_view trimmed = trimmedWhitespaceAndNewlines(text);
+    if (trimmed.empty()) return std::nullopt;
+    const std::size_t slash = trimmed.find('/');
+    if (slash == 0) return std::nullopt;
+    return repairedUTF8(trimmed.substr(0, slash));
+}
+
+std::optional<std::int64_t> prefixLengthFromCIDR(std::string_view text) {
+    const std::string_view trimmed = trimmedWhitespaceAndNewlines(text);
+    const std::size_t slash = trimmed.find('/');
+    if (slash == std::string_view::npos || slash + 1 == trimmed.size()) return std::nullopt;
+    std::int64_t value = 0;
+    if (!scanWholeInteger(trimmed.substr(slash + 1), value)) return std::nullopt;
+    if (value < 0 || value > 128) return std::nullopt;
+    return value;
+}
+
+bool isIPv4DefaultRouteCIDR(std::string_view text) { return isDefaultRouteCIDR(AF_INET, text); }
+
+bool isIPv6DefaultRouteCIDR(std::string_view text) { return isDefaultRouteCIDR(AF_INET6, text); }
+
+std::string stringByNormalizingAbbreviatedIPv4Address(std::string_view text) {
+    std::vector<std::string_view> components;
+    for (std::size_t start = 0;;) {
+        const std::size_t dot = text.find('.', start);
+        components.push_back(text.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start));
+        if (dot == std::string_view::npos || components.size() > 4) break;
+        start = dot + 1;
+    }
+    const bool wellFormed = components.size() < 4 &&
+        std::all_of(components.begin(), components.end(), [](std::string_view component) {
+            return !component.empty() && std::all_of(component.begin(), component.end(), isAsciiDigit);
+        });
+    if (!wellFormed) return repairedUTF8(text);
+    std::string result(text);
+    for (std::size_t count = components.size(); count < 4; ++count) result += ".0";
+    return result;
+}
+
+}  // namespace korvo
