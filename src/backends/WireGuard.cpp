@@ -1,0 +1,145 @@
+// The WireGuard and AmneziaWG connect requests. Both start the userspace
+// tunnel program from the client's bundle, wait for its control socket, hand
+// it the runtime configuration through the control program's "setconf",
+// bring the interface up and give it its addresses. The reply's process
+// identifier is the tunnel: the client ends it with a disconnect request.
+// Once the program runs, every failure interrupts it (SIGINT) before the
+// error is returned, so no half-configured tunnel is left behind.
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backends/WireGuardConfig.h"
+#include "backends/WireGuardTunnel.h"
+#include "core/HelperTool.h"
+#include "process/CapturedProcessOutput.h"
+#include "util/FileSystem.h"
+#include "util/Format.h"
+#include "util/Log.h"
+
+namespace korvo {
+namespace {
+
+constexpr std::int64_t kGeneralErrorCode = 1;
+constexpr std::int64_t kHelperProblemCode = 55;
+constexpr std::int64_t kMissingFileCode = 62;
+constexpr std::int64_t kInvalidParameterCode = 64;
+constexpr mode_t kExecutableMode = 0755;
+// The runtime configuration holds the private key.
+constexpr mode_t kRuntimeConfigurationMode = 0600;
+
+const char* describe(const std::optional<std::string>& text) { return text ? text->c_str() : "(null)"; }
+
+// The program was started but the tunnel could not be completed.
+MaybeError stopProgram(KorvoHelperTool& tool, pid_t pid, KorvoError error) {
+    tool.killProcessWithID(pid, SIGINT);
+    return error;
+}
+
+}  // namespace
+
+void KorvoHelperTool::connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+                                                 PidReply reply) {
+    connectWireGuardVariantWithConfig(configPath, "wireguard-go", "wg", "WireGuard", "/var/run/wireguard", comPort,
+                                      std::move(reply));
+}
+
+void KorvoHelperTool::connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+                                                 PidReply reply) {
+    connectWireGuardVariantWithConfig(configPath, "amneziawg-go", "awg", "AmneziaWG", "/var/run/amneziawg", comPort,
+                                      std::move(reply));
+}
+
+void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
+                                                        const std::string& userspaceExecutableName,
+                                                        const std::string& controlExecutableName,
+                                                        const std::string& displayName,
+                                                        const std::string& uapiDirectory, std::uint64_t comPort,
+                                                        PidReply reply) {
+    const std::optional<Bundle> bundle = korvoBundle();
+    logMessage(LOG_NOTICE,
+               "connectWireGuardWithConfig: korvoBundle: %s, configPath: %s, userspaceExecutableName: %s, "
+               "controlExecutableName: %s",
+               bundle ? bundle->bundlePath().c_str() : "(null)", describe(configPath),
+               userspaceExecutableName.c_str(), controlExecutableName.c_str());
+
+    const auto fail = [&reply](const KorvoError& error) { reply(error, -1); };
+    const char* display = displayName.c_str();
+
+    if (!configPath || !fileExists(*configPath)) {
+        return fail(errorWithKorvoErrorCode(kMissingFileCode,
+                                            formatString("WireGuard config file not found at %s", describe(configPath))));
+    }
+
+    const auto userspacePath = bundle ? bundle->pathForAuxiliaryExecutable(userspaceExecutableName) : std::nullopt;
+    if (!userspacePath) {
+        return fail(errorWithKorvoErrorCode(kMissingFileCode,
+                                            formatString("%s launcher executable '%s' not found in app bundle.",
+                                                         display, userspaceExecutableName.c_str())));
+    }
+    const auto controlPath = bundle ? bundle->pathForAuxiliaryExecutable(controlExecutableName) : std::nullopt;
+    if (!controlPath) {
+        return fail(errorWithKorvoErrorCode(kMissingFileCode,
+                                            formatString("%s control executable '%s' not found in app bundle.",
+                                                         display, controlExecutableName.c_str())));
+    }
+    for (const std::string* path : {&*userspacePath, &*controlPath}) {
+        if (auto error = setPosixPermissions(*path, kExecutableMode)) return fail(*error);
+    }
+
+    const Result<std::string> config = readUTF8File(*configPath);
+    if (!config) return fail(config.error());
+    if (config->empty()) {
+        return fail(errorWithKorvoErrorCode(kGeneralErrorCode,
+                                            formatString("Could not parse %s configuration file.", display)));
+    }
+    const std::optional<std::string> interfaceName = wireGuardInterfaceNameFromConfig(*config);
+    if (!interfaceName) {
+        return fail(errorWithKorvoErrorCode(kInvalidParameterCode,
+                                            formatString("%s interface name is missing in configuration.", display)));
+    }
+    const std::vector<std::string> addresses = wireGuardAddressesFromConfig(*config);
+
+    // Kept in the foreground, the program's process identifier is the
+    // tunnel's for as long as the tunnel lives.
+    std::shared_ptr<CSCapturedProcessOutput> output;
+    MaybeError error;
+    const pid_t pid = runServiceAtPath(*userspacePath, std::vector<std::string>{*interfaceName}, comPort, false,
+                                       Environment{{"WG_PROCESS_FOREGROUND", "1"}}, &output, &error);
+    if (error || pid < 1) {
+        return fail(error ? *error
+                          : errorWithKorvoErrorCode(kHelperProblemCode,
+                                                    formatString("Could not start %s userspace backend.", display)));
+    }
+
+    const auto finish = [&](MaybeError failure) {
+        if (failure) return fail(*stopProgram(*this, pid, *failure));
+        reply(std::nullopt, pid);
+    };
+
+    if (auto waitError = wireGuardWaitForControlSocket(*interfaceName, uapiDirectory, pid, displayName, output.get())) {
+        return finish(waitError);
+    }
+
+    const std::string runtimePath = wireGuardRuntimeConfigurationPath(tmpDirPath());
+    if (auto writeError = writeFileAtomically(runtimePath, wireGuardRuntimeConfiguration(*config),
+                                              kRuntimeConfigurationMode)) {
+        return finish(writeError);
+    }
+    MaybeError setconfError;
+    runServiceAtPath(*controlPath, std::vector<std::string>{"setconf", *interfaceName, runtimePath}, 0, true,
+                     &setconfError);
+    // The file holds the private key: it goes whatever the outcome.
+    removeFile(runtimePath);
+    if (setconfError) return finish(setconfError);
+
+    if (auto upError = wireGuardBringInterfaceUp(*this, *interfaceName)) return finish(upError);
+    for (const std::string& address : addresses) {
+        if (auto addressError = wireGuardConfigureAddress(*this, *interfaceName, address)) return finish(addressError);
+    }
+    finish(std::nullopt);
+}
+
+}  // namespace korvo

@@ -1,0 +1,150 @@
+#include "backends/WireGuardTunnel.h"
+
+#include <sys/random.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "backends/WireGuardConfig.h"
+#include "core/HelperTool.h"
+#include "platform/TunnelInterfaceConfigurator.h"
+#include "process/ProcessProbe.h"
+#include "util/CharacterSets.h"
+#include "util/FileSystem.h"
+#include "util/Format.h"
+
+namespace korvo {
+namespace {
+
+constexpr std::int64_t kHelperProblemCode = 55;
+constexpr std::chrono::milliseconds kControlSocketTimeout{5000};
+constexpr std::chrono::milliseconds kControlSocketPollInterval{100};
+
+// The number at the start of the text as a number scanner reads it: leading
+// white space, an optional sign, then digits; 0 when there are none, and
+// saturated at the limits of long.
+long integerValue(std::string_view text) {
+    size_t position = 0;
+    while (position < text.size()) {
+        size_t next = position;
+        if (!isWhitespaceOrNewline(nextCodePoint(text, next))) break;
+        position = next;
+    }
+    bool negative = false;
+    if (position < text.size() && (text[position] == '+' || text[position] == '-')) {
+        negative = text[position] == '-';
+        ++position;
+    }
+    long value = 0;
+    for (; position < text.size() && text[position] >= '0' && text[position] <= '9'; ++position) {
+        const int digit = text[position] - '0';
+        if (negative) {
+            if (value < (LONG_MIN + digit) / 10) return LONG_MIN;
+            value = value * 10 - digit;
+        } else {
+            if (value > (LONG_MAX - digit) / 10) return LONG_MAX;
+            value = value * 10 + digit;
+        }
+    }
+    return value;
+}
+
+std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces(KorvoHelperTool& tool) {
+    if (const auto& configured = tool.services().tunnelInterfaces) return configured;
+    return platform::makeSystemTunnelInterfaceConfigurator();
+}
+
+void fillRandom(std::uint8_t* bytes, size_t count) {
+    size_t filled = 0;
+    while (filled < count) {
+        const ssize_t n = getrandom(bytes + filled, count - filled, 0);
+        if (n > 0) {
+            filled += static_cast<size_t>(n);
+        } else if (n < 0 && errno != EINTR) {
+            // No getrandom (a very old kernel): the library's own source.
+            std::random_device device;
+            for (; filled < count; ++filled) bytes[filled] = static_cast<std::uint8_t>(device());
+        }
+    }
+}
+
+}  // namespace
+
+std::string wireGuardBackendErrorMessage(const std::string& message, const CSCapturedProcessOutput* output) {
+    return messageWithBackendOutput(message, output);
+}
+
+MaybeError wireGuardWaitForControlSocket(const std::string& interfaceName, const std::string& directory, pid_t pid,
+                                         const std::string& displayName, const CSCapturedProcessOutput* output) {
+    const std::string socketPath = wireGuardControlSocketPath(interfaceName, directory);
+    const auto deadline = std::chrono::steady_clock::now() + kControlSocketTimeout;
+    for (;;) {
+        // The order matters: a program that died after the deadline is
+        // reported as a time-out.
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return errorWithKorvoErrorCode(
+                kHelperProblemCode,
+                wireGuardBackendErrorMessage(formatString("%s userspace backend did not create its control socket at %s.",
+                                                          displayName.c_str(), socketPath.c_str()),
+                                             output));
+        }
+        if (!processExists(pid)) {
+            return errorWithKorvoErrorCode(
+                kHelperProblemCode,
+                wireGuardBackendErrorMessage(
+                    formatString("%s userspace backend terminated before its control socket became available.",
+                                 displayName.c_str()),
+                    output));
+        }
+        if (fileExists(socketPath)) return std::nullopt;
+        std::this_thread::sleep_for(kControlSocketPollInterval);
+    }
+}
+
+MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& interfaceName,
+                                     const std::string& address) {
+    const std::string_view text = address;
+    const auto slash = text.find('/');
+    const std::string host(trimmedWhitespaceAndNewlines(text.substr(0, slash)));
+    if (host.empty()) return std::nullopt;
+    long prefixLength = 32;
+    if (slash != std::string_view::npos) prefixLength = integerValue(text.substr(text.rfind('/') + 1));
+
+    if (host.find(':') != std::string::npos) {
+        if (prefixLength < 1 || prefixLength > 128) prefixLength = 128;
+        return tunnelInterfaces(tool)->addIPv6Address(tool, interfaceName, host, prefixLength);
+    }
+    // Whatever prefix was written, the tunnel's IPv4 address is a host
+    // address on the point-to-point link; the networks behind the tunnel are
+    // reached through the routes the client adds.
+    return tunnelInterfaces(tool)->addIPv4Address(tool, interfaceName, host, host,
+                                                  netmaskStringForPrefixLength(32).value());
+}
+
+MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName) {
+    return tunnelInterfaces(tool)->bringInterfaceUp(tool, interfaceName);
+}
+
+std::string randomUUIDString() {
+    std::uint8_t bytes[16];
+    fillRandom(bytes, sizeof bytes);
+    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::string text;
+    for (size_t i = 0; i < sizeof bytes; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+        text += formatString("%02X", bytes[i]);
+    }
+    return text;
+}
+
+std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory) {
+    return appendPathComponent(temporaryDirectory, randomUUIDString() + ".conf");
+}
+
+}  // namespace korvo

@@ -1,0 +1,46 @@
+// The steps of bringing up a WireGuard-family tunnel that act on the running
+// tunnel program and its interface: waiting for the program's control
+// socket, naming the runtime configuration file, and giving the interface
+// one of its addresses.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "core/Error.h"
+
+namespace korvo {
+
+class CSCapturedProcessOutput;
+class KorvoHelperTool;
+
+// message, with " Backend output: TEXT" appended when the program's captured
+// output holds text (output may be null).
+std::string wireGuardBackendErrorMessage(const std::string& message, const CSCapturedProcessOutput* output);
+
+// Polls every 0.1 s, for at most 5 s, until the program with process
+// identifier pid has created DIRECTORY/NAME.sock. Error 55 when the program
+// ended first or the time ran out, with the program's output appended.
+MaybeError wireGuardWaitForControlSocket(const std::string& interfaceName, const std::string& directory, pid_t pid,
+                                         const std::string& displayName, const CSCapturedProcessOutput* output);
+
+// Gives the interface one address from an "Address" line: an IPv4 address
+// as a host address (local = peer, netmask 255.255.255.255; the prefix
+// length is ignored, networks behind the tunnel come from routes), an IPv6
+// address with its prefix length (32 when none is written). An empty host
+// is skipped without error.
+MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& interfaceName,
+                                     const std::string& address);
+
+// Sets the tunnel interface's up flag.
+MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName);
+
+// A random (version 4) UUID in canonical upper-case form.
+std::string randomUUIDString();
+
+// The runtime configuration file: a fresh UUID with the extension "conf" in
+// the temporary directory.
+std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory);
+
+}  // namespace korvo
