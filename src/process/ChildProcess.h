@@ -1,6 +1,10 @@
 // A child process started with posix_spawn. Every child is reaped as soon as
 // it exits, whether or not anyone waits for it, so an exited child is never
 // seen as alive and no zombie is left behind.
+//
+// Children start in the requested working directory with default signal
+// dispositions and an empty signal mask, and inherit no descriptor of the
+// helper except the standard streams they are given.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +26,8 @@ public:
         // The complete environment of the child; nullopt inherits the helper's.
         std::optional<std::map<std::string, std::string>> environment;
         // Descriptors for the child's standard streams; -1 inherits the helper's.
-        // The child inherits no other descriptor of the helper.
+        // The child inherits no other descriptor of the helper. The caller
+        // keeps ownership: they may be closed as soon as launch returns.
         int standardInput = -1;
         int standardOutput = -1;
         int standardError = -1;
@@ -44,10 +49,21 @@ public:
     bool waitForExit(double timeoutSeconds);
     // Sends SIGTERM if the child is still running.
     void terminate();
+    // Sends the signal if the child has not yet exited; true when it was
+    // delivered or the child has already exited.
+    bool sendSignal(int signal);
     // The exit status once the child has exited.
     std::optional<int> terminationStatus() const;
     // True when a signal ended the child.
     bool terminatedBySignal() const;
+
+    // For a process identifier of a child started here that has not yet been
+    // reaped: whether it is still running (an exited child awaiting its
+    // reaping counts as not running). nullopt for any other identifier.
+    static std::optional<bool> isRunningChild(pid_t pid);
+    // Signals a child started here through its pidfd, so that a reused
+    // identifier can never be hit. nullopt when pid is not such a child.
+    static std::optional<bool> signalChild(pid_t pid, int signal);
 
     struct State;
 

@@ -1,0 +1,263 @@
+// The service object's process runner: the signature gate, the child's
+// standard streams (the client's com port or a pipe), the optional wait and
+// the error made from a failing exit.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "core/HelperTool.h"
+#include "process/CapturedProcessOutput.h"
+#include "process/ChildProcess.h"
+#include "process/ProcessProbe.h"
+#include "process/ProcessWatcher.h"
+#include "process/UniqueFd.h"
+#include "util/FileSystem.h"
+#include "util/Format.h"
+#include "util/Log.h"
+#include "util/Utf8.h"
+
+extern char** environ;
+
+namespace korvo {
+
+namespace {
+
+constexpr std::int64_t kCodeRequiredFileMissing = 62;
+constexpr std::int64_t kCodeLaunching = 68;
+constexpr std::int64_t kCodeInvalidSignature = 69;
+
+// What a waited-for child wrote, for the error of a failing exit. Only the
+// tail is kept, so a runaway child cannot fill the helper's memory.
+class OutputTail {
+public:
+    static constexpr std::size_t kLimit = 1 << 20;
+
+    void append(std::span<const std::uint8_t> bytes) {
+        std::lock_guard lock(mutex_);
+        bytes_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        if (bytes_.size() > 2 * kLimit) bytes_.erase(0, bytes_.size() - kLimit);
+    }
+    void end() {
+        {
+            std::lock_guard lock(mutex_);
+            ended_ = true;
+        }
+        condition_.notify_all();
+    }
+    // Everything read until end of file, or until the grace period passed
+    // (a grandchild may hold the pipe open long after the child is gone).
+    std::string readToEnd(std::chrono::milliseconds grace) {
+        std::unique_lock lock(mutex_);
+        condition_.wait_for(lock, grace, [this] { return ended_; });
+        if (bytes_.size() > kLimit) bytes_.erase(0, bytes_.size() - kLimit);
+        return bytes_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable condition_;
+    std::string bytes_;
+    bool ended_ = false;
+};
+
+std::string pathText(const std::optional<std::string>& path) { return path ? *path : "(null)"; }
+
+std::map<std::string, std::string> helperEnvironment() {
+    std::map<std::string, std::string> environment;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        const std::string_view text(*entry);
+        const auto equals = text.find('=');
+        if (equals == std::string_view::npos) continue;
+        environment.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
+    }
+    return environment;
+}
+
+}  // namespace
+
+pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+                                        const std::optional<std::vector<std::string>>& arguments,
+                                        std::uint64_t comPort, bool waitUntilExit,
+                                        const std::optional<Environment>& additionalEnvironment,
+                                        std::shared_ptr<CSCapturedProcessOutput>* capturedOutput,
+                                        MaybeError* error) {
+    if (!path || !fileExists(*path)) {
+        logMessage(LOG_ERR, "Cannot find executable at path '%s'.", pathText(path).c_str());
+        if (error) {
+            *error = errorWithKorvoErrorCode(
+                kCodeRequiredFileMissing, formatString("Cannot find executable at path %s", pathText(path).c_str()));
+        }
+        return -1;
+    }
+    if (codeSignStateForExecutable(*path) != platform::CodeSignState::Valid) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", path->c_str());
+        if (error) {
+            *error = errorWithKorvoErrorCode(kCodeInvalidSignature,
+                                             formatString("Cannot verify signature of executable at path %s",
+                                                          path->c_str()));
+        }
+        return -1;
+    }
+
+    ChildProcess::Options options;
+    options.executable = *path;
+    options.workingDirectory = tmpDirPath();
+    if (additionalEnvironment && !additionalEnvironment->empty()) {
+        auto environment = helperEnvironment();
+        for (const auto& [key, value] : *additionalEnvironment) environment[key] = value;
+        options.environment = std::move(environment);
+    }
+
+    int pipeEnds[2];
+    if (::pipe2(pipeEnds, O_CLOEXEC) != 0) {
+        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+        if (error) {
+            *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                             formatString("Cannot find executable at path %s", path->c_str()));
+        }
+        return -1;
+    }
+    UniqueFd readEnd(pipeEnds[0]);
+    UniqueFd writeEnd(pipeEnds[1]);
+
+    UniqueFd comSocket;
+    if (comPort != 0) {
+        comSocket.reset(openSocketOnPort(comPort));
+        if (!comSocket) {
+            if (error) {
+                *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                                 std::string("Could not open the VPN process communication socket."));
+            }
+            return -1;
+        }
+        options.standardInput = comSocket.get();
+        options.standardOutput = comSocket.get();
+        options.standardError = comSocket.get();
+    } else {
+        options.standardOutput = writeEnd.get();
+        options.standardError = writeEnd.get();
+    }
+
+    std::shared_ptr<CSCapturedProcessOutput> collector;
+    if (capturedOutput && comPort == 0) {
+        collector = std::make_shared<CSCapturedProcessOutput>();
+        *capturedOutput = collector;
+    }
+    if (arguments) options.arguments = *arguments;
+
+    int launchError = 0;
+    const auto child = ChildProcess::launch(options, &launchError);
+    // The child has its own copies now; the helper keeps neither the com
+    // socket (so the client sees the end when the child goes) nor the
+    // pipe's writing end (so the pipe ends when the child does).
+    comSocket.reset();
+    writeEnd.reset();
+    if (!child) {
+        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+        if (error) {
+            *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                             formatString("Cannot find executable at path %s", path->c_str()));
+        }
+        return -1;
+    }
+
+    // The pipe is always drained, so that a child writing more than the pipe
+    // holds never stalls, whether anyone keeps its output or not.
+    std::shared_ptr<OutputTail> tail;
+    if (comPort == 0) {
+        if (waitUntilExit && error) tail = std::make_shared<OutputTail>();
+        const bool drained = ProcessWatcher::shared().watchOutput(
+            std::move(readEnd),
+            [collector, tail](std::span<const std::uint8_t> bytes) {
+                if (collector) collector->appendData(bytes);
+                if (tail) tail->append(bytes);
+            },
+            [tail] {
+                if (tail) tail->end();
+            });
+        if (!drained && tail) tail->end();
+    }
+
+    if (!waitUntilExit) return child->pid();
+
+    const int status = child->waitUntilExit();
+    if (status == 0) return child->pid();
+
+    logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+    if (!error) return child->pid();
+    const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
+    if (!output.empty()) {
+        // Output that is not UTF-8 has no text form: the error then carries
+        // the code's description alone.
+        *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                         isValidUTF8(output) ? std::optional<std::string>(output) : std::nullopt);
+    } else {
+        *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                         formatString("Cannot successfully run executable at path %s", path->c_str()));
+    }
+    return -1;
+}
+
+pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+                                        const std::optional<std::vector<std::string>>& arguments,
+                                        std::uint64_t comPort, bool waitUntilExit,
+                                        const std::optional<Environment>& additionalEnvironment,
+                                        MaybeError* error) {
+    return runServiceAtPath(path, arguments, comPort, waitUntilExit, additionalEnvironment, nullptr, error);
+}
+
+pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+                                        const std::optional<std::vector<std::string>>& arguments,
+                                        std::uint64_t comPort, bool waitUntilExit, MaybeError* error) {
+    return runServiceAtPath(path, arguments, comPort, waitUntilExit, std::nullopt, nullptr, error);
+}
+
+int KorvoHelperTool::openSocketOnPort(std::uint64_t port) {
+    // A port number that does not fit 16 bits names no port; it is refused
+    // rather than truncated to some other one.
+    if (port > 0xffff) return -1;
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) return -1;
+    // Linux has no SO_NOSIGPIPE. The helper never writes to this socket
+    // itself (the child does, with default signal dispositions), so no
+    // SIGPIPE can reach the helper through it.
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd.release();
+    if (errno != EINTR) return -1;
+    // Interrupted: the connection goes on by itself; wait for its outcome.
+    pollfd p{fd.get(), POLLOUT, 0};
+    int ready;
+    do {
+        ready = ::poll(&p, 1, -1);
+    } while (ready < 0 && errno == EINTR);
+    int socketError = 0;
+    socklen_t length = sizeof socketError;
+    if (ready != 1 || ::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &socketError, &length) != 0 || socketError != 0) {
+        return -1;
+    }
+    return fd.release();
+}
+
+bool KorvoHelperTool::killProcessWithID(pid_t pid, int signal) {
+    if (!processExists(pid)) return true;
+    if (const auto delivered = ChildProcess::signalChild(pid, signal)) return *delivered;
+    return ::kill(pid, signal) == 0;
+}
+
+platform::CodeSignState KorvoHelperTool::codeSignStateForExecutable(const std::string& path) {
+    if (!services_.codeSigning) return platform::CodeSignState::CouldNotCheck;
+    return services_.codeSigning->codeSignStateForExecutable(path);
+}
+
+}  // namespace korvo
