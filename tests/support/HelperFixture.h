@@ -1,0 +1,110 @@
+// The real helper daemon on a private system bus, with the test process as
+// its signed client. Only for tests that run inside tests/support/isolated:
+// the fixture starts its own dbus-daemon and helper and both die with the
+// namespace at the latest.
+//
+// How a test uses it (CMake: link korvo_test_support and sign the test as the
+// client application):
+//
+//   korvo_add_test(NAME wireguard_service_test SOURCES WireGuardServiceTest.cpp
+//                  LABEL integration ISOLATED SIGNED LIBS korvo_test_support)
+//
+//   #include "support/HelperFixture.h"
+//
+//   class WireGuardServiceTest : public ::testing::Test {
+//   protected:
+//       void SetUp() override { ASSERT_EQ(helper.start(), std::nullopt); }
+//       korvo::test::HelperFixture helper;   // stopped by its destructor
+//   };
+//
+//   TEST_F(WireGuardServiceTest, StartsTheTunnelProgram) {
+//       helper.call("setTmpDirPath", {{"path", tmp + "/"}});
+//       korvo::Dictionary reply =
+//           helper.call("connectWireGuardWithConfig", {{"config", configPath}, {"comPort", 5000}});
+//       ASSERT_FALSE(reply.contains("error")) << helper.helperLog();
+//       pid_t pid = static_cast<pid_t>(*reply.at("pid").integerValue());
+//   }
+//
+// call() sends the arguments typed as the operation table says (a port as
+// "t", a pid as "i", ...) and waits for the reply. The reply is the helper's
+// dictionary: "error" (domain, code, description, userInfo) on failure, "pid"
+// or "result" where the operation returns them, empty for setters. A refusal
+// by the bus itself (AccessDenied, InvalidArgs, no such method) comes back as
+// {"busError": name, "busMessage": text}.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "util/Value.h"
+
+namespace korvo::test {
+
+// What a command run against the private bus printed and how it ended.
+struct CommandResult {
+    int exitStatus = -1;  // -1: killed by a signal or not started
+    std::string standardOutput;
+    std::string standardError;
+};
+
+class HelperFixture {
+public:
+    struct Options {
+        // Added to the helper's environment (e.g. XDG_DATA_DIRS to let it
+        // find a test application bundle, TMPDIR for its initial tmpDirPath).
+        std::map<std::string, std::string> environment;
+        // The daemon to start; empty: the one this build made.
+        std::string helperPath;
+    };
+
+    HelperFixture();
+    explicit HelperFixture(Options options);
+    ~HelperFixture();
+    HelperFixture(const HelperFixture&) = delete;
+    HelperFixture& operator=(const HelperFixture&) = delete;
+
+    // Starts the bus, then the helper, and waits until the helper owns its
+    // name. nullopt on success, else what went wrong (with the helper's log).
+    std::optional<std::string> start();
+
+    // One request as the signed client; waits up to timeout for the reply.
+    Dictionary call(const std::string& operation, const Dictionary& arguments = {},
+                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+    // Everything the helper has written to standard error so far (its log).
+    std::string helperLog() const;
+    // Waits until the log holds text; false after timeout.
+    bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    pid_t helperPid() const;
+    // The private bus, as DBUS_SYSTEM_BUS_ADDRESS would name it.
+    std::string busAddress() const;
+
+    // Runs argv[0] with DBUS_SYSTEM_BUS_ADDRESS set to the private bus (for
+    // korvoctl and other clients) and collects its output.
+    CommandResult runClient(const std::vector<std::string>& argv,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+
+    // Waits for the helper to exit on its own; its exit status, -1 when a
+    // signal ended it, nullopt when it is still running after timeout.
+    std::optional<int> waitForHelperExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+    // Ends the helper (SIGTERM, then SIGKILL) and the bus. Idempotent.
+    void stop();
+
+    // The helper and korvoctl binaries of this build.
+    static std::string defaultHelperPath();
+    static std::string korvoctlPath();
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace korvo::test
