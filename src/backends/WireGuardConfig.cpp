@@ -2,16 +2,20 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unicode/locid.h>
 #include <unicode/uchar.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <random>
 
 #include "util/CharacterSets.h"
 #include "util/FileSystem.h"
+#include "util/Format.h"
 #include "util/Log.h"
 #include "util/StringAdditions.h"
 
@@ -81,6 +85,20 @@ std::optional<std::string_view> valueAfterEquals(std::string_view line) {
 }
 
 enum class Section { None, Interface, Peer };
+
+void fillRandom(std::uint8_t* bytes, size_t count) {
+    size_t filled = 0;
+    while (filled < count) {
+        const ssize_t n = getrandom(bytes + filled, count - filled, 0);
+        if (n > 0) {
+            filled += static_cast<size_t>(n);
+        } else if (n < 0 && errno != EINTR) {
+            // No getrandom (a very old kernel): the library's own source.
+            std::random_device device;
+            for (; filled < count; ++filled) bytes[filled] = static_cast<std::uint8_t>(device());
+        }
+    }
+}
 
 }  // namespace
 
@@ -204,6 +222,23 @@ std::optional<std::string> netmaskStringForPrefixLength(long prefixLength) {
     const std::uint32_t mask = prefixLength == 0 ? 0 : ~std::uint32_t{0} << (32 - prefixLength);
     return std::to_string(mask >> 24) + "." + std::to_string((mask >> 16) & 0xFF) + "." +
            std::to_string((mask >> 8) & 0xFF) + "." + std::to_string(mask & 0xFF);
+}
+
+std::string randomUUIDString() {
+    std::uint8_t bytes[16];
+    fillRandom(bytes, sizeof bytes);
+    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::string text;
+    for (size_t i = 0; i < sizeof bytes; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+        text += formatString("%02X", bytes[i]);
+    }
+    return text;
+}
+
+std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory) {
+    return appendPathComponent(temporaryDirectory, randomUUIDString() + ".conf");
 }
 
 }  // namespace korvo

@@ -36,4 +36,11 @@ std::string wireGuardIPv4Endpoint(std::string_view endpoint);
 // 24); nullopt for any other length.
 std::optional<std::string> netmaskStringForPrefixLength(long prefixLength);
 
+// A random (version 4) UUID in canonical upper-case form.
+std::string randomUUIDString();
+
+// The runtime configuration file: a fresh UUID with the extension "conf" in
+// the temporary directory.
+std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory);
+
 }  // namespace korvo

@@ -1,12 +1,8 @@
 #include "backends/WireGuardTunnel.h"
 
-#include <sys/random.h>
-
-#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdint>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -57,20 +53,6 @@ long integerValue(std::string_view text) {
 std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces(KorvoHelperTool& tool) {
     if (const auto& configured = tool.services().tunnelInterfaces) return configured;
     return platform::makeSystemTunnelInterfaceConfigurator();
-}
-
-void fillRandom(std::uint8_t* bytes, size_t count) {
-    size_t filled = 0;
-    while (filled < count) {
-        const ssize_t n = getrandom(bytes + filled, count - filled, 0);
-        if (n > 0) {
-            filled += static_cast<size_t>(n);
-        } else if (n < 0 && errno != EINTR) {
-            // No getrandom (a very old kernel): the library's own source.
-            std::random_device device;
-            for (; filled < count; ++filled) bytes[filled] = static_cast<std::uint8_t>(device());
-        }
-    }
 }
 
 }  // namespace
@@ -128,23 +110,6 @@ MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& i
 
 MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName) {
     return tunnelInterfaces(tool)->bringInterfaceUp(tool, interfaceName);
-}
-
-std::string randomUUIDString() {
-    std::uint8_t bytes[16];
-    fillRandom(bytes, sizeof bytes);
-    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
-    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
-    std::string text;
-    for (size_t i = 0; i < sizeof bytes; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-        text += formatString("%02X", bytes[i]);
-    }
-    return text;
-}
-
-std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory) {
-    return appendPathComponent(temporaryDirectory, randomUUIDString() + ".conf");
 }
 
 }  // namespace korvo

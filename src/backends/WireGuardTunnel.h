@@ -1,7 +1,6 @@
 // The steps of bringing up a WireGuard-family tunnel that act on the running
 // tunnel program and its interface: waiting for the program's control
-// socket, naming the runtime configuration file, and giving the interface
-// one of its addresses.
+// socket, bringing its interface up and giving it its addresses.
 #pragma once
 
 #include <sys/types.h>
@@ -35,12 +34,5 @@ MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& i
 
 // Sets the tunnel interface's up flag.
 MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName);
-
-// A random (version 4) UUID in canonical upper-case form.
-std::string randomUUIDString();
-
-// The runtime configuration file: a fresh UUID with the extension "conf" in
-// the temporary directory.
-std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory);
 
 }  // namespace korvo

@@ -1,0 +1,249 @@
+// The text side of a WireGuard-family connect: what the client's
+// configuration becomes before the tunnel program sees it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "backends/WireGuardConfig.h"
+#include "backends/WireGuardTunnel.h"
+#include "util/Log.h"
+
+namespace korvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// Collects the log lines written while it lives.
+class LogCapture {
+public:
+    LogCapture() {
+        setLogSink([this](int, std::string_view line) { lines.emplace_back(line); });
+    }
+    ~LogCapture() { setLogSink(nullptr); }
+    std::vector<std::string> lines;
+};
+
+TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
+    const std::string config =
+        "# KorvoInterfaceName = utun7\n"
+        "[Interface]\n"
+        "PrivateKey = cHJpdmF0ZQ==\n"
+        "Address = 10.0.0.2/24, fd00::2\n"
+        "DNS = 10.0.0.1\n"
+        "MTU = 1420\n"
+        "listenport=51820\n"
+        "FwMark = 0x1234\n"
+        "Jc = 4\n"
+        "Jmin = 40\n"
+        "Jmax = 70\n"
+        "S1 = 0\n"
+        "S2 = 0\n"
+        "H1 = 1\n"
+        "H2 = 2\n"
+        "H3 = 3\n"
+        "H4 = 4\n"
+        "PostUp = iptables -A FORWARD\n"
+        "PublicKey = not-here\n"
+        "\n"
+        "[Peer]\n"
+        "PublicKey = cHVibGlj\n"
+        "PresharedKey = cHNr\n"
+        "AllowedIPs = 0.0.0.0/0, ::/0\n"
+        "Endpoint = 192.0.2.9:51820\n"
+        "PersistentKeepalive = 25\n"
+        "PrivateKey = not-here-either\n"
+        "ListenPort = 1\n";
+    EXPECT_EQ(wireGuardRuntimeConfiguration(config),
+              "[Interface]\n"
+              "PrivateKey = cHJpdmF0ZQ==\n"
+              "listenport=51820\n"
+              "FwMark = 0x1234\n"
+              "Jc = 4\n"
+              "Jmin = 40\n"
+              "Jmax = 70\n"
+              "S1 = 0\n"
+              "S2 = 0\n"
+              "H1 = 1\n"
+              "H2 = 2\n"
+              "H3 = 3\n"
+              "H4 = 4\n"
+              "\n"
+              "[Peer]\n"
+              "PublicKey = cHVibGlj\n"
+              "PresharedKey = cHNr\n"
+              "AllowedIPs = 0.0.0.0/0, ::/0\n"
+              "Endpoint = 192.0.2.9:51820\n"
+              "PersistentKeepalive = 25\n"
+              // The text's final line break ends an empty last line.
+              "\n");
+}
+
+TEST(WireGuardRuntimeConfigurationTest, SectionsDecideWhichLinesSurvive) {
+    // Nothing before the first header; an unknown section drops everything up
+    // to the next known one; headers are recognised in any case and with
+    // inner blanks, and are written as the client wrote them.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("Endpoint = 192.0.2.1:1\n"
+                                            "PrivateKey = early\n"
+                                            "[Other]\n"
+                                            "PrivateKey = other\n"
+                                            "PublicKey = other\n"
+                                            "[ peer ]\n"
+                                            "PublicKey = p1\n"
+                                            "[INTERFACE]\n"
+                                            "PrivateKey = k\n"
+                                            "[]\n"
+                                            "PrivateKey = after-empty-header\n"),
+              "[ peer ]\nPublicKey = p1\n[INTERFACE]\nPrivateKey = k\n\n");
+
+    // A line that opens a bracket without closing it is a key line, and
+    // key lines need an "=".
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n[Interface\nPublicKey\nPublicKey = p"),
+              "[Peer]\nPublicKey = p\n");
+
+    // Keys are compared without their blanks and in lower case; the line
+    // itself is kept as written, trimmed and without control characters.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\n   PRIVATEKEY\t =  k  "),
+              "[Interface]\nPRIVATEKEY =  k\n");
+}
+
+TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesAndByteOrderMark) {
+    EXPECT_EQ(wireGuardRuntimeConfiguration("\xEF\xBB\xBF[Interface]\n"
+                                            "\n\n"
+                                            "# a comment\n"
+                                            "; another\n"
+                                            "PrivateKey = k\n"
+                                            "   \n"
+                                            "\t\n"
+                                            "DNS = 1.1.1.1\n"
+                                            "\n"
+                                            "[Peer]\n"
+                                            "PublicKey = p\n"
+                                            "\n\n\n"),
+              "[Interface]\n\nPrivateKey = k\n\n[Peer]\nPublicKey = p\n\n");
+
+    // Leading blank lines never reach the output, nor do lines of dropped
+    // sections count as content.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("\n\nMTU = 1\n\n[Interface]\nPrivateKey = k"),
+              "[Interface]\nPrivateKey = k\n");
+
+    // Windows line ends: every "\r\n" is two line breaks, so each line is
+    // followed by one blank line, and no carriage return survives.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n"),
+              "[Interface]\n\nPrivateKey = k\n\n");
+
+    EXPECT_EQ(wireGuardRuntimeConfiguration(""), "");
+    EXPECT_EQ(wireGuardRuntimeConfiguration("# only a comment\n"), "");
+}
+
+TEST(WireGuardRuntimeConfigurationTest, ControlCharactersInsideALineAreRemoved) {
+    EXPECT_EQ(wireGuardRuntimeConfiguration(std::string("[Interface]\nPrivateKey = a\tb\x01" "c")),
+              "[Interface]\nPrivateKey = abc\n");
+}
+
+TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {
+    LogCapture log;
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n"
+                                            "endpoint=192.0.2.9:51820\n"
+                                            "Endpoint   =   [2001:db8::1]:51820\n"
+                                            "ENDPOINT = localhost:51820\n"
+                                            "Endpoint ="),
+              "[Peer]\n"
+              "endpoint = 192.0.2.9:51820\n"
+              "Endpoint = [2001:db8::1]:51820\n"
+              "ENDPOINT = 127.0.0.1:51820\n"
+              "Endpoint = \n");
+    EXPECT_THAT(log.lines, ElementsAre("Rewriting WireGuard endpoint 'localhost:51820' to IPv4 endpoint "
+                                       "'127.0.0.1:51820' for runtime configuration."));
+
+    // An endpoint key outside a peer section is an unknown interface key.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nEndpoint = localhost:1"), "[Interface]\n");
+}
+
+TEST(WireGuardIPv4EndpointTest, LeavesWhatItCannotOrNeedNotResolve) {
+    LogCapture log;
+    for (const std::string value :
+         {"", "192.0.2.9:51820", "[2001:db8::1]:51820", "[fe80::1%eth0]:1", "fd00::1:51820", "localhost",
+          ":51820", "localhost:", " 192.0.2.9:51820 "}) {
+        EXPECT_EQ(wireGuardIPv4Endpoint(value), value) << value;
+    }
+    EXPECT_THAT(log.lines, IsEmpty());
+
+    // A port that no service table knows fails before any name is looked up.
+    EXPECT_EQ(wireGuardIPv4Endpoint("localhost:no-such-port"), "localhost:no-such-port");
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_THAT(log.lines[0], HasSubstr("Could not resolve WireGuard endpoint host 'localhost' to an IPv4 address "
+                                        "for runtime configuration: "));
+}
+
+TEST(WireGuardIPv4EndpointTest, ResolvesNamesToTheirFirstIPv4Address) {
+    EXPECT_EQ(wireGuardIPv4Endpoint("localhost:51820"), "127.0.0.1:51820");
+    EXPECT_EQ(wireGuardIPv4Endpoint("  localhost:1  "), "127.0.0.1:1");
+    // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
+    EXPECT_EQ(wireGuardIPv4Endpoint("127.1:7"), "127.0.0.1:7");
+}
+
+TEST(WireGuardInterfaceNameTest, FirstNonEmptyMarkerLineWins) {
+    EXPECT_EQ(wireGuardInterfaceNameFromConfig("[Interface]\n  # KorvoInterfaceName = utun7  \nPrivateKey = k\n"),
+              "utun7");
+    EXPECT_EQ(wireGuardInterfaceNameFromConfig("#KorvoInterfaceName=\n#KorvoInterfaceName = \t\n"
+                                               "## KorvoInterfaceName: x = utun3\n# KorvoInterfaceName = utun4\n"),
+              "utun3");
+    EXPECT_EQ(wireGuardInterfaceNameFromConfig("# KorvoInterfaceName = a=b\n"), "a=b");
+
+    // Only comment lines, the exact word, and an "=" count.
+    EXPECT_EQ(wireGuardInterfaceNameFromConfig("KorvoInterfaceName = utun1\n"
+                                               "; KorvoInterfaceName = utun2\n"
+                                               "# korvointerfacename = utun3\n"
+                                               "# KorvoInterfaceName utun4\n"
+                                               "#KorvoInterfaceName=\n"),
+              std::nullopt);
+    EXPECT_EQ(wireGuardInterfaceNameFromConfig(""), std::nullopt);
+}
+
+TEST(WireGuardAddressesTest, EveryAddressLineInFileOrder) {
+    EXPECT_THAT(wireGuardAddressesFromConfig("[Interface]\n"
+                                             "Address = 10.0.0.2/24, fd00::2\n"
+                                             "  Address=10.0.0.3 ,, ,\n"
+                                             "address = 10.9.9.9\n"
+                                             "# Address = 10.8.8.8\n"
+                                             "Address\n"
+                                             "[Peer]\n"
+                                             "Address = 10.0.0.4/32\n"),
+                ElementsAre("10.0.0.2/24", "fd00::2", "10.0.0.3", "10.0.0.4/32"));
+    EXPECT_THAT(wireGuardAddressesFromConfig("[Interface]\nPrivateKey = k\n"), IsEmpty());
+}
+
+TEST(WireGuardPathsTest, SocketAndRuntimeFileNames) {
+    EXPECT_EQ(wireGuardControlSocketPath("utun7", "/var/run/wireguard"), "/var/run/wireguard/utun7.sock");
+    EXPECT_EQ(wireGuardControlSocketPath("awg0", "/var/run/amneziawg/"), "/var/run/amneziawg/awg0.sock");
+
+    const std::regex uuidConf(
+        "/tmp/dir/[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}\\.conf");
+    std::set<std::string> seen;
+    for (int i = 0; i < 200; ++i) {
+        const std::string path = wireGuardRuntimeConfigurationPath(i % 2 ? "/tmp/dir" : "/tmp/dir/");
+        ASSERT_TRUE(std::regex_match(path, uuidConf)) << path;
+        seen.insert(path);
+    }
+    EXPECT_EQ(seen.size(), 200u);
+}
+
+TEST(NetmaskTest, PrefixLengthsToDottedMasks) {
+    EXPECT_EQ(netmaskStringForPrefixLength(0), "0.0.0.0");
+    EXPECT_EQ(netmaskStringForPrefixLength(1), "128.0.0.0");
+    EXPECT_EQ(netmaskStringForPrefixLength(9), "255.128.0.0");
+    EXPECT_EQ(netmaskStringForPrefixLength(24), "255.255.255.0");
+    EXPECT_EQ(netmaskStringForPrefixLength(31), "255.255.255.254");
+    EXPECT_EQ(netmaskStringForPrefixLength(32), "255.255.255.255");
+    EXPECT_EQ(netmaskStringForPrefixLength(33), std::nullopt);
+    EXPECT_EQ(netmaskStringForPrefixLength(-1), std::nullopt);
+}
+
+}  // namespace
+}  // namespace korvo
