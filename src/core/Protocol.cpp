@@ -5,7 +5,7 @@ namespace korvo {
 const std::vector<OperationSpec>& helperOperations() {
     static const std::vector<OperationSpec> operations = [] {
         std::vector<OperationSpec> all;
-        for (auto part : {coreOperations(), wireGuardOperations()}) {
+        for (auto part : {coreOperations(), backendOperations(), wireGuardOperations()}) {
             for (auto& op : part) all.push_back(std::move(op));
         }
         return all;

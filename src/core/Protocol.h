@@ -62,6 +62,7 @@ const OperationSpec* findOperation(const std::string& name);
 
 // The operations of each subsystem; helperOperations() joins them.
 std::vector<OperationSpec> coreOperations();
+std::vector<OperationSpec> backendOperations();
 std::vector<OperationSpec> wireGuardOperations();
 
 // Reply dictionaries: "error" only on failure, "pid" and "result" where the

@@ -1,0 +1,125 @@
+#include "backends/BackendSupport.h"
+
+#include <unicode/uchar.h>
+
+#include <vector>
+
+#include "core/HelperTool.h"
+#include "util/CharacterSets.h"
+#include "util/FileSystem.h"
+
+namespace korvo {
+
+namespace {
+
+// The characters of a white-space character set without line breaks: tab
+// and the Unicode space separators.
+bool isBlank(char32_t c) { return isWhitespaceOrNewline(c) && !isNewline(c); }
+
+// Splits at every line-break character; "a\r\nb" gives three lines.
+// Requires well-formed UTF-8 for exact boundaries; ill-formed bytes are
+// kept as they are.
+std::vector<std::string_view> linesOf(std::string_view text) {
+    std::vector<std::string_view> lines;
+    std::size_t start = 0;
+    std::size_t index = 0;
+    while (index < text.size()) {
+        const std::size_t at = index;
+        if (isNewline(nextCodePoint(text, index))) {
+            lines.push_back(text.substr(start, at - start));
+            start = index;
+        }
+    }
+    lines.push_back(text.substr(start));
+    return lines;
+}
+
+// Position of the first character of text for which test holds, or npos.
+template <typename Test>
+std::size_t findFirst(std::string_view text, Test test) {
+    std::size_t index = 0;
+    while (index < text.size()) {
+        const std::size_t at = index;
+        if (test(nextCodePoint(text, index))) return at;
+    }
+    return std::string_view::npos;
+}
+
+std::string_view trimmedSpacesAndTabs(std::string_view line) {
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.remove_suffix(1);
+    return line;
+}
+
+std::string_view optionName(std::string_view trimmedLine) {
+    const std::size_t equals = trimmedLine.find('=');
+    const std::size_t blank = findFirst(trimmedLine, isBlank);
+    std::string_view name = trimmedLine;
+    if (equals != std::string_view::npos && (blank == std::string_view::npos || equals < blank)) {
+        name = trimmedLine.substr(0, equals);
+    } else if (blank != std::string_view::npos) {
+        name = trimmedLine.substr(0, blank);
+    }
+    while (!name.empty() && name.front() == '-') name.remove_prefix(1);
+    return name;
+}
+
+}  // namespace
+
+std::string configTextByRemovingBackgroundOption(std::string_view text, bool* removed) {
+    static const icu::UnicodeString background = unicodeFromUTF8("background");
+    bool any = false;
+    std::string out;
+    bool first = true;
+    for (const std::string_view line : linesOf(text)) {
+        const std::string_view name = optionName(trimmedWhitespaceAndNewlines(line));
+        if (unicodeFromUTF8(name).caseCompare(background, U_FOLD_CASE_DEFAULT) == 0) {
+            any = true;
+            continue;
+        }
+        if (!first) out += '\n';
+        out += line;
+        first = false;
+    }
+    if (removed) *removed = any;
+    return out;
+}
+
+std::string connectionNameForConfigPath(const std::optional<std::string>& configPath) {
+    return configPath ? lastPathComponentWithoutExtension(*configPath) : std::string();
+}
+
+std::string auxiliaryExecutablePath(const std::optional<Bundle>& bundle, std::string_view name) {
+    if (!bundle) return std::string();
+    if (auto path = bundle->pathForAuxiliaryExecutable(name)) return *path;
+    return appendPathComponent(appendPathComponent(bundle->bundlePath(), "Contents/MacOS"), name);
+}
+
+std::string displayText(const std::optional<std::string>& text) { return text ? *text : "(null)"; }
+
+Environment KorvoHelperTool::opensslLegacyProviderEnvironment() {
+    Environment environment;
+    const auto bundle = korvoBundle();
+    if (!bundle) return environment;
+    const std::string modules = bundle->privateFrameworksPath();
+    if (fileExists(modules)) environment["OPENSSL_MODULES"] = modules;
+    if (const auto conf = bundle->pathForResource("openssl-legacy", "cnf"); conf && fileExists(*conf)) {
+        environment["OPENSSL_CONF"] = *conf;
+    }
+    return environment;
+}
+
+bool KorvoHelperTool::configFileAtPath(const std::string& path, const std::string& directive) {
+    const auto text = readUTF8File(path);
+    if (!text) return false;
+    for (const std::string_view rawLine : linesOf(*text)) {
+        const std::string_view line = trimmedSpacesAndTabs(rawLine);
+        if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+        const std::size_t blank = findFirst(line, isBlank);
+        const std::string_view firstWord = blank == std::string_view::npos ? line : line.substr(0, blank);
+        if (firstWord == directive) return true;
+    }
+    return false;
+}
+
+}  // namespace korvo

@@ -1,0 +1,84 @@
+// connectOpenConnectWithConfig: openconnect for AnyConnect-compatible
+// servers, kept in the foreground so that the replied process identifier and
+// the com port belong to the process that holds the tunnel.
+#include <sys/stat.h>
+
+#include "backends/BackendSupport.h"
+#include "core/HelperTool.h"
+#include "util/FileSystem.h"
+#include "util/Format.h"
+#include "util/Log.h"
+
+namespace korvo {
+
+void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::string>& configPath,
+                                                   const std::optional<std::string>& host,
+                                                   const std::optional<std::string>& resolve,
+                                                   const std::optional<std::string>& credentials,
+                                                   const std::optional<std::string>& hash, std::uint64_t comPort,
+                                                   PidReply reply) {
+    const auto bundle = korvoBundle();
+    const std::string tmpDir = tmpDirPath();
+    logMessage(LOG_NOTICE,
+               "connectOpenConnectWithConfig: korvoBundle: %s, configPath: %s, remoteHost: %s, certHash: %s, comPort: %ld, tempDirPath: %s",
+               bundle ? bundle->bundlePath().c_str() : "(null)", displayText(configPath).c_str(),
+               displayText(host).c_str(), displayText(hash).c_str(), static_cast<long>(comPort), tmpDir.c_str());
+
+    const std::string config = configPath.value_or(std::string());
+    const std::string scriptPath =
+        appendPathComponent(tmpDir, connectionNameForConfigPath(configPath) + "-openconnect-script.sh");
+    if (!fileExists(scriptPath)) {
+        reply(errorWithKorvoErrorCode(62, formatString("openconnect script file not found at %s", scriptPath.c_str())),
+              -1);
+        return;
+    }
+
+    const auto text = readUTF8File(config);
+    if (!text) {
+        reply(text.error(), -1);
+        return;
+    }
+    bool removed = false;
+    const std::string rewritten = configTextByRemovingBackgroundOption(*text, &removed);
+    if (removed) {
+        // The configuration may hold secrets: the rewrite keeps its mode.
+        struct stat original {};
+        const mode_t mode = ::stat(config.c_str(), &original) == 0 ? (original.st_mode & 07777) : 0644;
+        if (auto error = writeFileAtomically(config, rewritten, mode)) {
+            reply(error, -1);
+            return;
+        }
+        logMessage(LOG_NOTICE, "Removed daemonizing background option from OpenConnect configuration at path '%s'.",
+                   config.c_str());
+    }
+
+    std::vector<std::string> arguments = {
+        "--config=" + config,
+        "--cookie=" + credentials.value_or(std::string()),
+        "--script=\"" + scriptPath + "\"",
+        "--servercert=" + hash.value_or(std::string()),
+        "--os=mac-intel",
+    };
+    if (resolve && !resolve->empty()) arguments.push_back("--resolve=" + *resolve);
+    if (vpnDebugLoggingEnabled()) {
+        arguments.push_back("-v");
+        arguments.push_back("-v");
+        logMessage(LOG_NOTICE, "OpenConnect VPN debug logging is enabled.");
+    }
+    arguments.push_back(host.value_or(std::string()));
+
+    const std::string executable = auxiliaryExecutablePath(bundle, "openconnect");
+    for (const auto& path : {scriptPath, executable}) {
+        if (auto error = setPosixPermissions(path, 0755)) {
+            reply(error, -1);
+            return;
+        }
+    }
+
+    MaybeError error;
+    const pid_t pid =
+        runServiceAtPath(executable, arguments, comPort, false, opensslLegacyProviderEnvironment(), nullptr, &error);
+    reply(error, pid);
+}
+
+}  // namespace korvo

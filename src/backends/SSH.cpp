@@ -1,0 +1,102 @@
+// connectSSHWithConfig: the system's ssh for SSH tunnels. It is started
+// directly rather than through the runner: its standard input stays the
+// helper's, and its askpass program gets the connection's name.
+#include <unistd.h>
+
+#include "backends/BackendSupport.h"
+#include "core/HelperTool.h"
+#include "process/ChildProcess.h"
+#include "process/UniqueFd.h"
+#include "util/FileSystem.h"
+#include "util/Format.h"
+#include "util/Log.h"
+
+extern char** environ;
+
+namespace korvo {
+
+namespace {
+
+constexpr const char* kSSHPath = "/usr/bin/ssh";
+
+Environment environmentWith(const Environment& additions) {
+    Environment environment;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        const std::string_view text(*entry);
+        const auto equals = text.find('=');
+        if (equals != std::string_view::npos) {
+            environment.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
+        }
+    }
+    for (const auto& [key, value] : additions) environment[key] = value;
+    return environment;
+}
+
+}  // namespace
+
+void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& configPath,
+                                           const std::optional<std::string>& host,
+                                           const std::optional<std::string>& credentials, std::uint64_t comPort,
+                                           PidReply reply) {
+    const auto bundle = korvoBundle();
+    logMessage(LOG_NOTICE, "connectSSHWithConfig: korvoBundle: %s, configPath: %s, remoteHost: %s, userName: %s, comPort: %ld",
+               bundle ? bundle->bundlePath().c_str() : "(null)", displayText(configPath).c_str(),
+               displayText(host).c_str(), displayText(credentials).c_str(), static_cast<long>(comPort));
+
+    std::vector<std::string> arguments = {"-v", "-N", "-F", configPath.value_or(std::string())};
+    if (credentials && !credentials->empty()) {
+        arguments.push_back("-l");
+        arguments.push_back(*credentials);
+    }
+    arguments.push_back(host.value_or(std::string()));
+
+    if (!fileExists(kSSHPath)) {
+        reply(errorWithKorvoErrorCode(62, formatString("SSH binary not found at %s", kSSHPath)), -1);
+        return;
+    }
+    const std::string askpassPath = auxiliaryExecutablePath(bundle, "ssh_askpass_korvo");
+    if (askpassPath.empty() || !fileExists(askpassPath)) {
+        reply(errorWithKorvoErrorCode(
+                  62, formatString("SSH askpass file not found at %s", askpassPath.empty() ? "(null)" : askpassPath.c_str())),
+              -1);
+        return;
+    }
+    // Both world-writable on purpose: the askpass program and ssh's run
+    // directory are shared with the client application.
+    for (const auto& [path, mode] : {std::pair<std::string, mode_t>{askpassPath, 0777},
+                                     std::pair<std::string, mode_t>{std::string(KorvoRunDirectory), 0777}}) {
+        if (auto error = setPosixPermissions(path, mode)) {
+            reply(error, -1);
+            return;
+        }
+    }
+    if (codeSignStateForExecutable(kSSHPath) != platform::CodeSignState::Valid) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", kSSHPath);
+        reply(errorWithKorvoErrorCode(69, formatString("Cannot verify signature of executable at path %s", kSSHPath)),
+              -1);
+        return;
+    }
+
+    ChildProcess::Options options;
+    options.executable = kSSHPath;
+    options.arguments = std::move(arguments);
+    options.workingDirectory = tmpDirPath();
+    options.environment = environmentWith({{"SSH_ASKPASS", askpassPath},
+                                           {"DISPLAY", ":0"},
+                                           {"CS_UNIQUE_IDENTIFIER", connectionNameForConfigPath(configPath)}});
+    // Without a com port socket ssh keeps the helper's own streams.
+    UniqueFd comSocket(openSocketOnPort(comPort));
+    options.standardOutput = comSocket.get();
+    options.standardError = comSocket.get();
+
+    int launchError = 0;
+    const auto child = ChildProcess::launch(options, &launchError);
+    if (!child) {
+        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", kSSHPath);
+        reply(errorWithKorvoErrorCode(68, formatString("Cannot find executable at path %s", kSSHPath)), -1);
+        return;
+    }
+    reply(std::nullopt, child->pid());
+}
+
+}  // namespace korvo
