@@ -30,6 +30,7 @@ inline constexpr int kSignatureNotVerifiable = -67060;
 inline constexpr int kSignatureUnsupported = -67059;
 inline constexpr int kSignatureInvalid = -67045;
 inline constexpr int kNoSuchCode = -67065;          // errSecCSNoSuchCode: no process / no code
+inline constexpr int kGuestInvalid = -67063;        // errSecCSGuestInvalid: the process now runs other code
 inline constexpr int kStaticCodeNotFound = -67068;  // errSecCSStaticCodeNotFound: unreadable file
 inline constexpr int kRequirementInvalid = -67052;  // errSecCSReqInvalid: requirement text does not parse
 inline constexpr int kRequirementFailed = -67050;   // errSecCSReqFailed: code does not satisfy it
