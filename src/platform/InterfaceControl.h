@@ -1,0 +1,43 @@
+// Control of network interfaces: destroying a tunnel interface, setting the
+// up flag, listing the interfaces. The caller turns a failure into the
+// helper's error; this layer only says which step failed and why.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvo::platform {
+
+// What stopped an interface call.
+struct InterfaceFailure {
+    enum class Step { OpenSocket, Destroy, ReadFlags, WriteFlags };
+    Step step = Step::OpenSocket;
+    int error = 0;       // errno
+    std::string reason;  // strerror(error), with the kernel's own text after ": " when it gave one
+
+    friend bool operator==(const InterfaceFailure&, const InterfaceFailure&) = default;
+};
+using InterfaceOutcome = std::optional<InterfaceFailure>;  // nullopt: done
+
+// Names longer than an interface request holds (15 bytes) are cut short.
+class InterfaceControl {
+public:
+    virtual ~InterfaceControl() = default;
+
+    // Destroys a virtual interface (tun, tap, utun...). An absent interface
+    // fails with its own errno (ENXIO, ENODEV...): the caller decides.
+    virtual InterfaceOutcome destroyInterface(const std::string& name) = 0;
+    // Reads the flags, sets or clears the up flag and writes them back, even
+    // when the interface is already in that state.
+    virtual InterfaceOutcome setInterfaceUp(const std::string& name, bool up) = 0;
+    // The interface names in the system's order; nullopt when they cannot be read.
+    virtual std::optional<std::vector<std::string>> interfaceNames() = 0;
+};
+
+// The platform's interface control. Holds no state; each call opens and
+// closes its own socket.
+std::shared_ptr<InterfaceControl> makeSystemInterfaceControl();
+
+}  // namespace korvo::platform
