@@ -1,0 +1,179 @@
+// The steps that act on a running tunnel program: the wait for its control
+// socket (against real processes and files) and how an "Address" value
+// becomes an interface address (against a recording interface service).
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "backends/WireGuardTunnel.h"
+#include "core/HelperTool.h"
+#include "platform/TunnelInterfaceConfigurator.h"
+#include "process/CapturedProcessOutput.h"
+#include "process/ChildProcess.h"
+
+namespace korvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Clock = std::chrono::steady_clock;
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "korvo-wg-XXXXXX").string();
+        path = mkdtemp(pattern.data());
+    }
+    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+std::string descriptionOf(const MaybeError& error) { return error ? error->localizedDescription().value_or("") : ""; }
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A child that has already exited and been reaped.
+pid_t exitedProcess() {
+    ChildProcess::Options options;
+    options.executable = "/bin/true";
+    int launchError = 0;
+    auto child = ChildProcess::launch(options, &launchError);
+    EXPECT_TRUE(child) << launchError;
+    if (!child) return -1;
+    child->waitUntilExit();
+    return child->pid();
+}
+
+TEST(WireGuardControlSocketWaitTest, SucceedsOnceTheSocketAppears) {
+    TemporaryDirectory dir;
+    const auto start = Clock::now();
+    std::thread creator([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(350));
+        std::ofstream(dir.path + "/wgt0.sock").put('x');
+    });
+    const MaybeError error = wireGuardWaitForControlSocket("wgt0", dir.path, getpid(), "WireGuard", nullptr);
+    creator.join();
+    EXPECT_EQ(error, std::nullopt) << descriptionOf(error);
+    // Polled, not spun: found on the first poll after it appeared.
+    EXPECT_GE(secondsSince(start), 0.35);
+    EXPECT_LT(secondsSince(start), 1.0);
+}
+
+TEST(WireGuardControlSocketWaitTest, ProgramThatEndedIsReportedWithItsOutput) {
+    TemporaryDirectory dir;
+    const pid_t pid = exitedProcess();
+    CSCapturedProcessOutput output;
+    const std::string text = "\nERROR: Failed to create TUN device: interface name too long\n";
+    output.appendData({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+
+    const auto start = Clock::now();
+    MaybeError error = wireGuardWaitForControlSocket("wgt1", dir.path, pid, "AmneziaWG", &output);
+    EXPECT_LT(secondsSince(start), 0.5);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain, KorvoErrorDomain);
+    EXPECT_EQ(error->code, 55);
+    EXPECT_THAT(descriptionOf(error),
+                EndsWith("AmneziaWG userspace backend terminated before its control socket became available. "
+                         "Backend output: ERROR: Failed to create TUN device: interface name too long"));
+
+    // A socket left behind by an earlier program does not count while this
+    // one is dead; without output the message ends at its full stop.
+    std::ofstream(dir.path + "/wgt1.sock").put('x');
+    error = wireGuardWaitForControlSocket("wgt1", dir.path, pid, "WireGuard", nullptr);
+    EXPECT_THAT(descriptionOf(error),
+                EndsWith("WireGuard userspace backend terminated before its control socket became available."));
+}
+
+TEST(WireGuardControlSocketWaitTest, GivesUpAfterFiveSeconds) {
+    TemporaryDirectory dir;
+    const auto start = Clock::now();
+    const MaybeError error = wireGuardWaitForControlSocket("wgt2", dir.path, getpid(), "WireGuard", nullptr);
+    const double elapsed = secondsSince(start);
+    EXPECT_GE(elapsed, 5.0);
+    EXPECT_LT(elapsed, 5.5);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 55);
+    EXPECT_THAT(descriptionOf(error), EndsWith("WireGuard userspace backend did not create its control socket at " +
+                                               dir.path + "/wgt2.sock."));
+}
+
+// Records what the backend asks of the interface.
+class RecordingInterfaces final : public platform::TunnelInterfaceConfigurator {
+public:
+    MaybeError bringInterfaceUp(KorvoHelperTool&, const std::string& name) override {
+        calls.push_back("up " + name);
+        return failure;
+    }
+    MaybeError addIPv4Address(KorvoHelperTool&, const std::string& name, const std::string& local,
+                              const std::string& destination, const std::string& netmask) override {
+        calls.push_back("inet " + name + " " + local + " " + destination + " " + netmask);
+        return failure;
+    }
+    MaybeError addIPv6Address(KorvoHelperTool&, const std::string& name, const std::string& address,
+                              long prefixLength) override {
+        calls.push_back("inet6 " + name + " " + address + "/" + std::to_string(prefixLength));
+        return failure;
+    }
+    std::vector<std::string> calls;
+    MaybeError failure;
+};
+
+class WireGuardAddressTest : public ::testing::Test {
+protected:
+    static HelperServices servicesWith(std::shared_ptr<RecordingInterfaces> interfaces) {
+        HelperServices services;
+        services.tunnelInterfaces = std::move(interfaces);
+        return services;
+    }
+    std::vector<std::string> configure(const std::vector<std::string>& addresses) {
+        interfaces->calls.clear();
+        for (const auto& address : addresses) {
+            const MaybeError error = wireGuardConfigureAddress(tool, "utun7", address);
+            EXPECT_EQ(error, std::nullopt) << address;
+        }
+        return interfaces->calls;
+    }
+    std::shared_ptr<RecordingInterfaces> interfaces = std::make_shared<RecordingInterfaces>();
+    KorvoHelperTool tool{servicesWith(interfaces)};
+};
+
+TEST_F(WireGuardAddressTest, IPv4AddressesAreHostAddressesOnThePointToPointLink) {
+    EXPECT_THAT(configure({"10.0.0.2/24", "10.0.0.3", " 10.0.0.4 /0", "10.0.0.5/99"}),
+                ElementsAre("inet utun7 10.0.0.2 10.0.0.2 255.255.255.255", "inet utun7 10.0.0.3 10.0.0.3 255.255.255.255",
+                            "inet utun7 10.0.0.4 10.0.0.4 255.255.255.255",
+                            "inet utun7 10.0.0.5 10.0.0.5 255.255.255.255"));
+}
+
+TEST_F(WireGuardAddressTest, IPv6AddressesKeepTheirPrefixWithinRange) {
+    EXPECT_THAT(configure({"fd00::2/64", "fd00::3", "fd00::4/ 48", "fd00::5/0", "fd00::6/129", "fd00::7/abc",
+                           "fd00::8/-5", "fd00::9/a/112", "fd00::a/56x"}),
+                ElementsAre("inet6 utun7 fd00::2/64",
+                            // written without a prefix: /32
+                            "inet6 utun7 fd00::3/32", "inet6 utun7 fd00::4/48", "inet6 utun7 fd00::5/128",
+                            "inet6 utun7 fd00::6/128", "inet6 utun7 fd00::7/128", "inet6 utun7 fd00::8/128",
+                            // the last piece is the prefix; digits up to the first other character
+                            "inet6 utun7 fd00::9/112", "inet6 utun7 fd00::a/56"));
+}
+
+TEST_F(WireGuardAddressTest, EmptyHostsAreSkippedAndFailuresReturned) {
+    EXPECT_THAT(configure({"", "/24", "  /64"}), IsEmpty());
+
+    interfaces->failure = errorWithKorvoErrorCode(68, std::string("Could not add address"));
+    const MaybeError error = wireGuardConfigureAddress(tool, "utun7", "10.0.0.2/32");
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 68);
+    EXPECT_THAT(descriptionOf(error), HasSubstr("Could not add address"));
+}
+
+}  // namespace
+}  // namespace korvo
