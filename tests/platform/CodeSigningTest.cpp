@@ -1,0 +1,256 @@
+// The code-sign state of executables, the system-executable rule and the
+// acceptance of a running client, on real files and processes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <thread>
+
+#include "SigningTestSupport.h"
+#include "platform/linux/CodeSigningLinux.h"
+
+namespace korvo::test {
+namespace {
+
+using platform::CodeSignState;
+using platform::LinuxCodeSigning;
+namespace status = platform::codesign_status;
+
+constexpr const char* kSmallProgram = "/usr/bin/sleep";
+
+class CodeSigningTest : public ::testing::Test {
+protected:
+    LinuxCodeSigning signing{testAnchors()};
+    TempDir dir;
+};
+
+TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
+    const std::string valid = dir.file("valid");
+    signedCopy(kSmallProgram, valid, "com.tallowmar.test.valid");
+    EXPECT_EQ(signing.codeSignStateForExecutable(valid), CodeSignState::Valid);
+
+    // /tmp is writable by everyone, so an unsigned copy there is no system executable.
+    const std::string unsignedCopy = dir.file("unsigned");
+    fs::copy_file(kSmallProgram, unsignedCopy);
+    EXPECT_EQ(signing.codeSignStateForExecutable(unsignedCopy), CodeSignState::Unsigned);
+
+    const std::string modified = dir.file("modified");
+    fs::copy_file(valid, modified);
+    auto bytes = readBytes(modified);
+    bytes[100] ^= 0x01;
+    writeBytes(modified, bytes);
+    EXPECT_EQ(signing.codeSignStateForExecutable(modified), CodeSignState::InvalidSignature);
+
+    const std::string otherCa = dir.file("otherca");
+    signedCopy(kSmallProgram, otherCa, "com.tallowmar.test.otherca", kOtherCaSigner);
+    EXPECT_EQ(signing.codeSignStateForExecutable(otherCa), CodeSignState::NotVerifiable);
+    // A trusted chain is not enough: the signer must be allowed to sign code.
+    const std::string serverCert = dir.file("noeku");
+    signedCopy(kSmallProgram, serverCert, "com.tallowmar.test.noeku", kNoCodeSigningSigner);
+    EXPECT_EQ(signing.codeSignStateForExecutable(serverCert), CodeSignState::NotVerifiable);
+
+    // A later format version: the code directory's version field follows its magic.
+    const std::string future = dir.file("future");
+    fs::copy_file(valid, future);
+    bytes = readBytes(future);
+    const std::size_t block = fs::file_size(kSmallProgram);
+    bytes[block + 7] = 2;
+    writeBytes(future, bytes);
+    EXPECT_EQ(signing.codeSignStateForExecutable(future), CodeSignState::Unsupported);
+
+    EXPECT_EQ(signing.codeSignStateForExecutable(dir.file("missing")), CodeSignState::CouldNotCheck);
+    EXPECT_EQ(signing.codeSignStateForExecutable(dir.path().string()), CodeSignState::CouldNotCheck);
+    EXPECT_EQ(signing.codeSignStateForExecutable(""), CodeSignState::CouldNotCheck);
+    const std::string unreadable = dir.file("fifo");
+    ASSERT_EQ(::mkfifo(unreadable.c_str(), 0600), 0);
+    EXPECT_EQ(signing.codeSignStateForExecutable(unreadable), CodeSignState::CouldNotCheck);
+}
+
+TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
+    const std::string program = dir.file("program");
+    signedCopy(kSmallProgram, program, "com.tallowmar.first");
+    ASSERT_EQ(::chmod(program.c_str(), 0750), 0);
+    const auto onceSigned = fs::file_size(program);
+    const std::string link = dir.file("link");
+    fs::create_symlink(program, link);
+
+    ASSERT_FALSE(platform::codesign::signFile(link, {"com.tallowmar.second", kTeamSigner.certificate,
+                                                     std::string(kTeamSigner.chain), kTeamSigner.key}));
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::file_size(program), onceSigned + 1);  // one more identifier byte, nothing stacked
+    struct stat st {};
+    ASSERT_EQ(::stat(program.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    EXPECT_EQ(signing.codeSignStateForExecutable(program), CodeSignState::Valid);
+    EXPECT_EQ(dir.path(), fs::path(program).parent_path());
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2)
+        << "no temporary file left behind";
+
+    // Refusals leave the file as it was.
+    const auto before = readBytes(program);
+    EXPECT_TRUE(platform::codesign::signFile(program, {"", kTeamSigner.certificate, std::nullopt, kTeamSigner.key}));
+    EXPECT_TRUE(platform::codesign::signFile(
+        program, {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt, kOtherTeamSigner.key}));
+    EXPECT_TRUE(platform::codesign::signFile(dir.file("absent"),
+                                             {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt,
+                                              kTeamSigner.key}));
+    EXPECT_EQ(readBytes(program), before);
+}
+
+// The rule needs a folder chain that only root can write to; the build tree
+// normally is one.
+TEST_F(CodeSigningTest, UnsignedFilesInRootOnlyFoldersAreSystemExecutables) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to own the test files";
+    }
+    TempDir closed(fs::path(KORVO_TEST_CA_DIR).parent_path());
+    ASSERT_EQ(::chmod(closed.path().c_str(), 0755), 0);
+    char resolved[PATH_MAX];
+    ASSERT_TRUE(::realpath(closed.path().c_str(), resolved));
+    for (fs::path p = resolved; p != p.root_path(); p = p.parent_path()) {
+        struct stat st {};
+        ASSERT_EQ(::stat(p.c_str(), &st), 0);
+        if (st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH))) {
+            GTEST_SKIP() << p << " is not a root-only folder";
+        }
+    }
+
+    const std::string system = closed.file("tool");
+    fs::copy_file(kSmallProgram, system);
+    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Valid);
+    EXPECT_EQ(signing.codeSignStateForExecutable(kSmallProgram), CodeSignState::Valid);
+
+    // Reached through a link in a world-writable folder: judged by the target.
+    const std::string link = dir.file("link-to-system");
+    fs::create_symlink(system, link);
+    EXPECT_EQ(signing.codeSignStateForExecutable(link), CodeSignState::Valid);
+
+    // The file itself writable by the group.
+    ASSERT_EQ(::chmod(system.c_str(), 0775), 0);
+    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Unsigned);
+    ASSERT_EQ(::chmod(system.c_str(), 0755), 0);
+
+    // A parent writable by the group.
+    const fs::path open = closed.path() / "shared";
+    fs::create_directory(open);
+    ASSERT_EQ(::chmod(open.c_str(), 0775), 0);
+    const std::string inOpen = (open / "tool").string();
+    fs::copy_file(kSmallProgram, inOpen);
+    EXPECT_EQ(signing.codeSignStateForExecutable(inOpen), CodeSignState::Unsigned);
+
+    // Not owned by root.
+    ASSERT_EQ(::chown(system.c_str(), 1, 1), 0);
+    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Unsigned);
+
+    // A signed file in the same place is judged by its signature alone.
+    const std::string broken = closed.file("broken");
+    signedCopy(kSmallProgram, broken, "com.tallowmar.broken", kOtherCaSigner);
+    EXPECT_EQ(signing.codeSignStateForExecutable(broken), CodeSignState::NotVerifiable);
+}
+
+class ClientAcceptanceTest : public CodeSigningTest {
+protected:
+    // The three steps of acceptance for a copy of a small program running
+    // under its own path.
+    int accept(const std::string& program, const std::string& requirementText = kClientRequirement) {
+        Child child({program, "30"});
+        EXPECT_GT(child.pid(), 0);
+        std::unique_ptr<platform::GuestCode> guest;
+        if (const int s = signing.copyGuestWithPid(child.pid(), guest); s != status::kSuccess) {
+            return s;
+        }
+        EXPECT_EQ(guest->pid(), child.pid());
+        std::unique_ptr<platform::CodeRequirement> requirement;
+        if (const int s = signing.createRequirement(requirementText, requirement); s != status::kSuccess) {
+            return s;
+        }
+        return signing.checkValidity(*guest, *requirement);
+    }
+};
+
+TEST_F(ClientAcceptanceTest, OnlyTheSignedClientSatisfiesTheRequirement) {
+    const std::string client = dir.file("client");
+    signedCopy(kSmallProgram, client, kClientIdentifier);
+    EXPECT_EQ(accept(client), status::kSuccess);
+
+    const std::string otherTeam = dir.file("otherteam");
+    signedCopy(kSmallProgram, otherTeam, kClientIdentifier, kOtherTeamSigner);
+    EXPECT_EQ(accept(otherTeam), status::kRequirementFailed);
+
+    const std::string otherIdentifier = dir.file("otherid");
+    signedCopy(kSmallProgram, otherIdentifier, "com.tallowmar.Korvo2");
+    EXPECT_EQ(accept(otherIdentifier), status::kRequirementFailed);
+
+    // Same identifier and OU, but vouched for by an untrusted CA.
+    const std::string otherCa = dir.file("otherca");
+    signedCopy(kSmallProgram, otherCa, kClientIdentifier, kOtherCaSigner);
+    EXPECT_EQ(accept(otherCa), status::kRequirementFailed);
+    // Without the anchor clause the same signature is acceptable.
+    EXPECT_EQ(accept(otherCa, "identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = Q4XW82KTJN"),
+              status::kSuccess);
+
+    const std::string modified = dir.file("modified");
+    fs::copy_file(client, modified);
+    auto bytes = readBytes(modified);
+    bytes[bytes.size() / 3] ^= 0x80;
+    writeBytes(modified, bytes);
+    EXPECT_EQ(accept(modified), status::kSignatureFailed);
+
+    const std::string unsignedCopy = dir.file("unsigned");
+    fs::copy_file(kSmallProgram, unsignedCopy);
+    EXPECT_EQ(accept(unsignedCopy), status::kUnsigned);
+    // A root-owned system program is no client either.
+    EXPECT_EQ(accept(kSmallProgram), status::kUnsigned);
+
+    EXPECT_EQ(accept(client, "anchor apple generic or identifier \"com.tallowmar.Korvo\""),
+              status::kRequirementInvalid);
+}
+
+TEST_F(ClientAcceptanceTest, TheCheckStaysWithTheProcessThatWasLookedUp) {
+    const std::string client = dir.file("client");
+    signedCopy(kSmallProgram, client, kClientIdentifier);
+    std::unique_ptr<platform::CodeRequirement> requirement;
+    ASSERT_EQ(signing.createRequirement(kClientRequirement, requirement), status::kSuccess);
+    std::unique_ptr<platform::GuestCode> guest;
+
+    // No such process: never started, or already reaped.
+    EXPECT_EQ(signing.copyGuestWithPid(0, guest), status::kNoSuchCode);
+    EXPECT_EQ(signing.copyGuestWithPid(-1, guest), status::kNoSuchCode);
+    Child gone({client, "30"});
+    const pid_t gonePid = gone.pid();
+    gone.killAndReap();
+    EXPECT_EQ(signing.copyGuestWithPid(gonePid, guest), status::kNoSuchCode);
+    EXPECT_EQ(guest, nullptr);
+
+    // Exited but not yet reaped: its pid is still taken, its code is gone.
+    Child zombie({client, "30"});
+    ASSERT_EQ(::kill(zombie.pid(), SIGKILL), 0);
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(zombie.pid()), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(signing.copyGuestWithPid(zombie.pid(), guest), status::kNoSuchCode);
+
+    // Looked up while alive, gone by the time of the check.
+    Child dying({client, "30"});
+    ASSERT_EQ(signing.copyGuestWithPid(dying.pid(), guest), status::kSuccess);
+    dying.killAndReap();
+    EXPECT_EQ(signing.checkValidity(*guest, *requirement), status::kNoSuchCode);
+
+    // Looked up while running the signed client, then replaced itself with
+    // another program.
+    const std::string shell = dir.file("shell");
+    signedCopy("/bin/sh", shell, kClientIdentifier);
+    const std::string trigger = dir.file("go");
+    Child execing({shell, "-c", "while [ ! -e " + trigger + " ]; do sleep 0.02; done; exec " + kSmallProgram + " 30"});
+    ASSERT_EQ(signing.copyGuestWithPid(execing.pid(), guest), status::kSuccess);
+    EXPECT_EQ(signing.checkValidity(*guest, *requirement), status::kSuccess);
+    writeBytes(trigger, {});
+    const std::string exe = "/proc/" + std::to_string(execing.pid()) + "/exe";
+    for (int i = 0; i < 500 && fs::read_symlink(exe) != kSmallProgram; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(fs::read_symlink(exe), kSmallProgram);
+    EXPECT_EQ(signing.checkValidity(*guest, *requirement), status::kGuestInvalid);
+}
+
+}  // namespace
+}  // namespace korvo::test
