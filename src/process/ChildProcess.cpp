@@ -43,6 +43,16 @@ struct ChildProcess::State {
         return ::poll(&p, 1, 0) == 1;
     }
 
+    // True once the child has exited; one that has exited but is not reaped
+    // yet is waited for (the watcher reaps it at once), so that its status
+    // is known to whoever learns that it ended.
+    bool settle(std::unique_lock<std::mutex>& lock) {
+        if (exited) return true;
+        if (!hasExitedLocked()) return false;
+        exitedCondition.wait(lock, [this] { return exited; });
+        return true;
+    }
+
     void recordExitLocked(int waitStatus, bool statusKnown) {
         exited = true;
         if (!statusKnown) {
@@ -98,18 +108,14 @@ bool reapIfExited(ChildProcess::State& state) {
         r = ::waitpid(state.pid, &waitStatus, WNOHANG);
     } while (r < 0 && errno == EINTR);
     if (r == 0) return false;
+    // Forgotten before the exit is recorded: whoever sees the exit also
+    // sees that the identifier is no longer ours.
+    ChildRegistry::shared().remove(state.pid);
     state.recordExitLocked(waitStatus, r == state.pid);
     return true;
 }
 
-void finishReaped(const std::shared_ptr<ChildProcess::State>& state) {
-    {
-        std::lock_guard lock(state->mutex);
-        state->pidfd.reset();
-    }
-    state->exitedCondition.notify_all();
-    ChildRegistry::shared().remove(state->pid);
-}
+void announceExit(const std::shared_ptr<ChildProcess::State>& state) { state->exitedCondition.notify_all(); }
 
 // Without a pidfd (descriptor limit reached) a thread of its own waits for
 // this one child.
@@ -122,9 +128,10 @@ void reapOnOwnThread(const std::shared_ptr<ChildProcess::State>& state) {
         } while (r < 0 && errno == EINTR);
         {
             std::lock_guard lock(state->mutex);
+            ChildRegistry::shared().remove(state->pid);
             state->recordExitLocked(waitStatus, r == state->pid);
         }
-        finishReaped(state);
+        announceExit(state);
     }).detach();
 }
 
@@ -140,7 +147,16 @@ void watchForExit(const std::shared_ptr<ChildProcess::State>& state) {
         state->pidfd.reset(pidfd);
     }
     const bool watched = ProcessWatcher::shared().watch(
-        pidfd, [state] { return !reapIfExited(*state); }, [state] { finishReaped(state); });
+        pidfd,
+        [state] {
+            if (!reapIfExited(*state)) return true;
+            announceExit(state);
+            return false;
+        },
+        [state] {
+            std::lock_guard lock(state->mutex);
+            state->pidfd.reset();
+        });
     if (!watched) {
         {
             std::lock_guard lock(state->mutex);
@@ -272,8 +288,8 @@ ChildProcess::~ChildProcess() = default;
 pid_t ChildProcess::pid() const { return state_->pid; }
 
 bool ChildProcess::isRunning() const {
-    std::lock_guard lock(state_->mutex);
-    return !state_->hasExitedLocked();
+    std::unique_lock lock(state_->mutex);
+    return !state_->settle(lock);
 }
 
 int ChildProcess::waitUntilExit() {
@@ -285,7 +301,7 @@ int ChildProcess::waitUntilExit() {
 bool ChildProcess::waitForExit(double timeoutSeconds) {
     std::unique_lock lock(state_->mutex);
     if (state_->exited) return true;
-    if (!(timeoutSeconds > 0)) return state_->hasExitedLocked();
+    if (!(timeoutSeconds > 0)) return state_->settle(lock);
     // Beyond a few years the wait is as good as unlimited, and the clock
     // arithmetic must not overflow.
     constexpr double kUnlimited = 1.0e8;
@@ -312,21 +328,21 @@ bool ChildProcess::sendSignal(int signal) {
 }
 
 std::optional<int> ChildProcess::terminationStatus() const {
-    std::lock_guard lock(state_->mutex);
-    if (!state_->exited) return std::nullopt;
+    std::unique_lock lock(state_->mutex);
+    if (!state_->settle(lock)) return std::nullopt;
     return state_->status;
 }
 
 bool ChildProcess::terminatedBySignal() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->exited && state_->bySignal;
+    std::unique_lock lock(state_->mutex);
+    return state_->settle(lock) && state_->bySignal;
 }
 
 std::optional<bool> ChildProcess::isRunningChild(pid_t pid) {
     const auto state = ChildRegistry::shared().find(pid);
     if (!state) return std::nullopt;
-    std::lock_guard lock(state->mutex);
-    return !state->hasExitedLocked();
+    std::unique_lock lock(state->mutex);
+    return !state->settle(lock);
 }
 
 std::optional<bool> ChildProcess::signalChild(pid_t pid, int signal) {

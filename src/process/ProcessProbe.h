@@ -13,7 +13,9 @@ class ChildProcess;
 class CSCapturedProcessOutput;
 
 // True when a process with this identifier exists (signal 0 succeeds or is
-// refused with EPERM).
+// refused with EPERM). A child of the helper that has exited is gone even
+// before it is reaped; 0 and negative identifiers (process groups, every
+// process) never name one existing process.
 bool processExists(pid_t pid);
 
 // message, followed by " Backend output: TEXT" when output holds non-empty

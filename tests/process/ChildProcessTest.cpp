@@ -1,0 +1,270 @@
+#include "process/ChildProcess.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "process/ProcessProbe.h"
+#include "process/ProcessWatcher.h"
+#include "process/UniqueFd.h"
+
+namespace korvo {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Runs a child with its standard output on a pipe and returns what it wrote.
+std::string outputOf(ChildProcess::Options options, int* status = nullptr) {
+    int fds[2];
+    EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    UniqueFd readEnd(fds[0]);
+    UniqueFd writeEnd(fds[1]);
+    options.standardOutput = writeEnd.get();
+    int error = 0;
+    auto child = ChildProcess::launch(options, &error);
+    writeEnd.reset();
+    EXPECT_TRUE(child) << "errno " << error;
+    std::string out;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(readEnd.get(), buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
+    const int s = child ? child->waitUntilExit() : -1;
+    if (status) *status = s;
+    return out;
+}
+
+ChildProcess::Options shell(const std::string& script) {
+    ChildProcess::Options options;
+    options.executable = "/bin/sh";
+    options.arguments = {"-c", script};
+    return options;
+}
+
+// Children of this process in state Z (zombies), from /proc.
+int zombieChildren() {
+    int count = 0;
+    DIR* dir = ::opendir("/proc");
+    if (!dir) return -1;
+    while (dirent* entry = ::readdir(dir)) {
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        if (!std::getline(stat, line)) continue;
+        const auto close = line.rfind(')');
+        if (close == std::string::npos) continue;
+        std::istringstream rest(line.substr(close + 2));
+        char state = 0;
+        pid_t parent = 0;
+        rest >> state >> parent;
+        if (parent == ::getpid() && state == 'Z') ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
+TEST(ChildProcessTest, ReportsExitStatusAndTerminatingSignal) {
+    int error = 0;
+    auto exits = ChildProcess::launch(shell("exit 7"), &error);
+    ASSERT_TRUE(exits);
+    EXPECT_EQ(exits->waitUntilExit(), 7);
+    EXPECT_FALSE(exits->terminatedBySignal());
+    EXPECT_EQ(exits->terminationStatus(), 7);
+
+    auto sleeper = ChildProcess::launch(shell("exec sleep 30"), &error);
+    ASSERT_TRUE(sleeper);
+    EXPECT_FALSE(sleeper->waitForExit(0.05));
+    EXPECT_TRUE(sleeper->isRunning());
+    EXPECT_EQ(sleeper->terminationStatus(), std::nullopt);
+    sleeper->terminate();
+    EXPECT_EQ(sleeper->waitUntilExit(), 128 + SIGTERM);
+    EXPECT_TRUE(sleeper->terminatedBySignal());
+    EXPECT_FALSE(sleeper->isRunning());
+}
+
+TEST(ChildProcessTest, StartsInTheGivenDirectoryWithExactlyTheGivenEnvironment) {
+    char dirTemplate[] = "/tmp/korvo-child-XXXXXX";
+    ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
+    const std::string dir = dirTemplate;
+
+    ChildProcess::Options options;
+    options.executable = "/bin/pwd";
+    options.workingDirectory = dir;
+    EXPECT_EQ(outputOf(options), dir + "\n");
+
+    ChildProcess::Options env;
+    env.executable = "/usr/bin/env";
+    env.environment = std::map<std::string, std::string>{{"A", "1"}, {"B", "two words"}};
+    EXPECT_EQ(outputOf(env), "A=1\nB=two words\n");
+    ::rmdir(dir.c_str());
+}
+
+TEST(ChildProcessTest, InheritsNoDescriptorAndNoSignalSettingsOfTheHelper) {
+    // A descriptor the helper opened without close-on-exec, an ignored and a
+    // blocked signal: none of them may reach the child.
+    UniqueFd leaky(::open("/dev/null", O_RDONLY));
+    ASSERT_TRUE(leaky);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &ignore, &previous), 0);
+    sigset_t block;
+    sigset_t previousMask;
+    sigemptyset(&block);
+    sigaddset(&block, SIGUSR2);
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &block, &previousMask), 0);
+
+    const std::string fds = outputOf(shell("ls /proc/self/fd"));
+    ChildProcess::Options status;
+    status.executable = "/bin/cat";
+    status.arguments = {"/proc/self/status"};
+    const std::string report = outputOf(status);
+
+    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    ::sigaction(SIGUSR1, &previous, nullptr);
+
+    // ls itself opens /proc/self/fd as 3.
+    EXPECT_EQ(fds, "0\n1\n2\n3\n");
+    // The C library keeps two real-time signals of its own (32 and 33)
+    // ignored; every standard signal must be at its default.
+    const auto maskOf = [&report](const std::string& field) {
+        const auto at = report.find(field + ":\t");
+        return at == std::string::npos ? ~0ull : std::stoull(report.substr(at + field.size() + 2, 16), nullptr, 16);
+    };
+    EXPECT_EQ(maskOf("SigIgn") & 0x7fffffffull, 0u) << report;
+    EXPECT_EQ(maskOf("SigBlk"), 0u) << report;
+}
+
+TEST(ChildProcessTest, LaunchFailuresAreReportedAsErrno) {
+    int error = 0;
+    ChildProcess::Options missing;
+    missing.executable = "/nonexistent/program";
+    EXPECT_EQ(ChildProcess::launch(missing, &error), nullptr);
+    EXPECT_EQ(error, ENOENT);
+
+    ChildProcess::Options notExecutable;
+    notExecutable.executable = "/dev/null";
+    EXPECT_EQ(ChildProcess::launch(notExecutable, &error), nullptr);
+    EXPECT_EQ(error, EACCES);
+
+    ChildProcess::Options badDirectory = shell("true");
+    badDirectory.workingDirectory = "/nonexistent/dir";
+    EXPECT_EQ(ChildProcess::launch(badDirectory, &error), nullptr);
+    EXPECT_EQ(error, ENOENT);
+}
+
+TEST(ChildProcessTest, ChildrenNobodyWaitsForAreReapedAndNeverSeenAlive) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 100; ++i) {
+        int error = 0;
+        auto child = ChildProcess::launch(shell("exit 0"), &error);
+        ASSERT_TRUE(child);
+        pids.push_back(child->pid());
+    }  // every ChildProcess object is gone already
+    EXPECT_TRUE(eventually([&] {
+        for (pid_t pid : pids) {
+            if (processExists(pid)) return false;
+        }
+        return true;
+    }));
+    EXPECT_TRUE(eventually([] { return zombieChildren() == 0; }));
+}
+
+TEST(ChildProcessTest, ExitedChildIsNotAliveEvenBeforeItIsReaped) {
+    int error = 0;
+    auto child = ChildProcess::launch(shell("exit 0"), &error);
+    ASSERT_TRUE(child);
+    // Right after the exit the probe must already say "gone"; never "alive"
+    // after the child's last instruction.
+    child->waitUntilExit();
+    EXPECT_FALSE(processExists(child->pid()));
+    EXPECT_FALSE(child->isRunning());
+}
+
+TEST(ChildProcessTest, LivenessProbe) {
+    EXPECT_TRUE(processExists(::getpid()));
+    EXPECT_TRUE(processExists(1));
+    // Process groups and "every process" are never one existing process.
+    EXPECT_FALSE(processExists(0));
+    EXPECT_FALSE(processExists(-1));
+    EXPECT_FALSE(processExists(4194304 + 1));  // above the kernel's pid_max
+}
+
+TEST(ChildProcessTest, BoundedWaitEndsChildrenThatRunTooLongEvenWhenTheyIgnoreSignals) {
+    int error = 0;
+    auto quick = ChildProcess::launch(shell("exit 3"), &error);
+    ASSERT_TRUE(quick);
+    EXPECT_TRUE(waitForTaskExitWithTimeout(*quick, 10.0));
+    EXPECT_EQ(quick->terminationStatus(), 3);
+
+    auto slow = ChildProcess::launch(shell("exec sleep 30"), &error);
+    ASSERT_TRUE(slow);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(waitForTaskExitWithTimeout(*slow, 0.2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    EXPECT_EQ(slow->terminationStatus(), 128 + SIGTERM);
+
+    // exec keeps the trap's ignored SIGTERM: only the escalation ends it.
+    auto stubborn = ChildProcess::launch(shell("trap '' TERM; exec sleep 60"), &error);
+    ASSERT_TRUE(stubborn);
+    EXPECT_FALSE(waitForTaskExitWithTimeout(*stubborn, 0.1));
+    EXPECT_EQ(stubborn->terminationStatus(), 128 + SIGKILL);
+    EXPECT_FALSE(processExists(stubborn->pid()));
+}
+
+TEST(ChildProcessTest, SignalsReachOnlyLiveChildrenOfOurs) {
+    int error = 0;
+    auto child = ChildProcess::launch(shell("exec sleep 30"), &error);
+    ASSERT_TRUE(child);
+    EXPECT_EQ(ChildProcess::signalChild(child->pid(), SIGINT), true);
+    EXPECT_EQ(child->waitUntilExit(), 128 + SIGINT);
+    // Reaped: no longer known as ours, and signalling it again is harmless.
+    EXPECT_EQ(ChildProcess::signalChild(child->pid(), SIGINT), std::nullopt);
+    EXPECT_TRUE(child->sendSignal(SIGINT));
+    EXPECT_EQ(ChildProcess::signalChild(::getpid(), 0), std::nullopt);
+}
+
+TEST(ChildProcessTest, OutputPipesAreDrainedWhileTheChildRuns) {
+    // 16 MB is far beyond a pipe's buffer: the child would block for ever
+    // if nobody read while it runs.
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    UniqueFd readEnd(fds[0]);
+    UniqueFd writeEnd(fds[1]);
+    ChildProcess::Options options;
+    options.executable = "/usr/bin/head";
+    options.arguments = {"-c", "16000000", "/dev/zero"};
+    options.standardOutput = writeEnd.get();
+    int error = 0;
+    auto child = ChildProcess::launch(options, &error);
+    writeEnd.reset();
+    ASSERT_TRUE(child);
+
+    std::atomic<std::size_t> total{0};
+    std::atomic<bool> ended{false};
+    ASSERT_TRUE(ProcessWatcher::shared().watchOutput(
+        std::move(readEnd), [&](std::span<const std::uint8_t> bytes) { total += bytes.size(); },
+        [&] { ended = true; }));
+    EXPECT_TRUE(child->waitForExit(20.0));
+    EXPECT_TRUE(eventually([&] { return ended.load(); }));
+    EXPECT_EQ(total.load(), 16000000u);
+}
+
+}  // namespace
+}  // namespace korvo

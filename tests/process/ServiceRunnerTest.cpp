@@ -1,0 +1,321 @@
+// The runner on a service object of its own, with a code-signing service
+// that answers what each test tells it.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "core/HelperTool.h"
+#include "process/CapturedProcessOutput.h"
+#include "process/ProcessProbe.h"
+#include "process/UniqueFd.h"
+#include "util/Log.h"
+
+namespace korvo {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::CodeSignState;
+
+class ScriptedCodeSigning final : public platform::CodeSigning {
+public:
+    std::map<std::string, CodeSignState> states;
+    CodeSignState codeSignStateForExecutable(const std::string& path) override {
+        const auto it = states.find(path);
+        return it == states.end() ? CodeSignState::Valid : it->second;
+    }
+    int copyGuestWithPid(pid_t, std::unique_ptr<platform::GuestCode>&) override { return -1; }
+    int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>&) override { return -1; }
+    int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return -1; }
+};
+
+// A TCP listener on the loopback address, standing in for the client's com
+// port.
+class ComPortListener {
+public:
+    ComPortListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), length);
+        ::listen(fd_.get(), 4);
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    std::uint16_t port() const { return port_; }
+    UniqueFd accept() { return UniqueFd(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
+
+private:
+    UniqueFd fd_;
+    std::uint16_t port_ = 0;
+};
+
+// A port on which nobody listens: bound, then closed.
+std::uint16_t closedPort() {
+    ComPortListener listener;
+    return listener.port();
+}
+
+std::string readAll(int fd) {
+    std::string out;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
+    return out;
+}
+
+class ServiceRunnerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        signing_ = std::make_shared<ScriptedCodeSigning>();
+        HelperServices services;
+        services.codeSigning = signing_;
+        tool_ = std::make_unique<KorvoHelperTool>(services);
+        char dirTemplate[] = "/tmp/korvo-runner-XXXXXX";
+        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
+        dir_ = dirTemplate;
+        tool_->setTmpDirPath(dir_ + "/");
+        setLogSink([this](int priority, std::string_view line) {
+            std::lock_guard lock(logMutex_);
+            if (priority == LOG_ERR) errors_.emplace_back(line);
+        });
+    }
+    void TearDown() override {
+        setLogSink(nullptr);
+        std::filesystem::remove_all(dir_);
+    }
+
+    // A shell script in the test directory; it leaves a marker file when it
+    // runs, so a test can tell whether it was ever started.
+    std::string script(const std::string& name, const std::string& body) {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path) << "#!/bin/sh\ntouch '" << marker(name) << "'\n" << body << "\n";
+        ::chmod(path.c_str(), 0755);
+        return path;
+    }
+    std::string marker(const std::string& name) const { return dir_ + "/" + name + ".ran"; }
+    bool ran(const std::string& name) const { return std::filesystem::exists(marker(name)); }
+    std::vector<std::string> errorLines() {
+        std::lock_guard lock(logMutex_);
+        return errors_;
+    }
+
+    std::shared_ptr<ScriptedCodeSigning> signing_;
+    std::unique_ptr<KorvoHelperTool> tool_;
+    std::string dir_;
+    std::mutex logMutex_;
+    std::vector<std::string> errors_;
+};
+
+std::string messageOf(const MaybeError& error) {
+    if (!error) return "<no error>";
+    const auto description = error->localizedDescription().value_or("");
+    const auto split = description.find("\n\n");
+    return split == std::string::npos ? description : description.substr(split + 2);
+}
+
+TEST_F(ServiceRunnerTest, MissingExecutableIsCode62) {
+    MaybeError error;
+    EXPECT_EQ(tool_->runServiceAtPath(std::nullopt, std::nullopt, 0, true, &error), -1);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 62);
+    EXPECT_EQ(messageOf(error), "Cannot find executable at path (null)");
+
+    const std::string missing = dir_ + "/absent";
+    EXPECT_EQ(tool_->runServiceAtPath(missing, std::nullopt, 0, true, &error), -1);
+    EXPECT_EQ(error->code, 62);
+    EXPECT_EQ(messageOf(error), "Cannot find executable at path " + missing);
+    EXPECT_EQ(errorLines().back(), "Cannot find executable at path '" + missing + "'.");
+}
+
+TEST_F(ServiceRunnerTest, OnlyAValidSignatureAllowsALaunch) {
+    for (const auto state : {CodeSignState::Unsigned, CodeSignState::InvalidSignature, CodeSignState::NotVerifiable,
+                             CodeSignState::Unsupported, CodeSignState::CouldNotCheck}) {
+        const std::string name = "state" + std::to_string(static_cast<int>(state));
+        const std::string path = script(name, "exit 0");
+        signing_->states[path] = state;
+        MaybeError error;
+        EXPECT_EQ(tool_->runServiceAtPath(path, std::nullopt, 0, true, &error), -1);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->code, 69);
+        EXPECT_EQ(messageOf(error), "Cannot verify signature of executable at path " + path);
+        EXPECT_EQ(errorLines().back(), "Cannot verify signature of executable at path '" + path + "'.");
+        EXPECT_FALSE(ran(name));
+    }
+}
+
+TEST_F(ServiceRunnerTest, ComPortNobodyListensOnStartsNothing) {
+    const std::string path = script("noport", "exit 0");
+    MaybeError error;
+    EXPECT_EQ(tool_->runServiceAtPath(path, std::nullopt, closedPort(), false, &error), -1);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 68);
+    EXPECT_EQ(messageOf(error), "Could not open the VPN process communication socket.");
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(ran("noport"));
+}
+
+TEST_F(ServiceRunnerTest, FailedLaunchIsCode68) {
+    const std::string path = dir_ + "/not-executable";
+    std::ofstream(path) << "data\n";
+    MaybeError error;
+    EXPECT_EQ(tool_->runServiceAtPath(path, std::nullopt, 0, true, &error), -1);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 68);
+    EXPECT_EQ(messageOf(error), "Cannot find executable at path " + path);
+    EXPECT_EQ(errorLines().back(), "Executable '" + path + "' could not be executed successfully.");
+}
+
+TEST_F(ServiceRunnerTest, FailingExitBecomesAnErrorWithTheChildsOutput) {
+    const std::string noisy = script("noisy", "echo 'to stdout'; echo 'to stderr' >&2; exit 3");
+    MaybeError error;
+    EXPECT_EQ(tool_->runServiceAtPath(noisy, std::nullopt, 0, true, &error), -1);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 68);
+    EXPECT_EQ(messageOf(error), "to stdout\nto stderr\n");
+    EXPECT_EQ(errorLines().back(), "Executable '" + noisy + "' could not be executed successfully.");
+
+    const std::string quiet = script("quiet", "exit 1");
+    EXPECT_EQ(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, &error), -1);
+    EXPECT_EQ(messageOf(error), "Cannot successfully run executable at path " + quiet);
+
+    // Without an error reference the identifier comes back all the same.
+    EXPECT_GT(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, nullptr), 0);
+
+    const std::string fine = script("fine", "echo ok");
+    error.reset();
+    EXPECT_GT(tool_->runServiceAtPath(fine, std::nullopt, 0, true, &error), 0);
+    EXPECT_EQ(error, std::nullopt);
+}
+
+TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
+    ::setenv("KORVO_RUNNER_KEEP", "kept", 1);
+    ::setenv("KORVO_RUNNER_REPLACE", "old", 1);
+    const std::string path = script(
+        "env", "pwd > out; printf '%s|' \"$@\" >> out; echo >> out; "
+               "echo \"$KORVO_RUNNER_KEEP $KORVO_RUNNER_REPLACE $KORVO_RUNNER_NEW\" >> out");
+    MaybeError error;
+    ASSERT_GT(tool_->runServiceAtPath(path, std::vector<std::string>{"a b", "", "--x"}, 0, true,
+                                      Environment{{"KORVO_RUNNER_REPLACE", "new"}, {"KORVO_RUNNER_NEW", "added"}},
+                                      &error),
+              0);
+    std::ifstream out(dir_ + "/out");
+    std::string cwd, args, env;
+    std::getline(out, cwd);
+    std::getline(out, args);
+    std::getline(out, env);
+    EXPECT_EQ(cwd, dir_);
+    EXPECT_EQ(args, "a b||--x|");
+    EXPECT_EQ(env, "kept new added");
+
+    // An empty additional environment leaves the helper's as it is.
+    ASSERT_GT(tool_->runServiceAtPath(path, std::nullopt, 0, true, Environment{}, &error), 0);
+    std::ifstream again(dir_ + "/out");
+    std::getline(again, cwd);
+    std::getline(again, args);
+    std::getline(again, env);
+    EXPECT_EQ(env, "kept old ");
+    ::unsetenv("KORVO_RUNNER_KEEP");
+    ::unsetenv("KORVO_RUNNER_REPLACE");
+}
+
+TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
+    ComPortListener listener;
+    const std::string path = script("talker", "read line; echo \"got $line\"; echo oops >&2");
+    std::shared_ptr<CSCapturedProcessOutput> captured;
+    MaybeError error;
+    const pid_t pid = tool_->runServiceAtPath(path, std::nullopt, listener.port(), false, std::nullopt, &captured,
+                                              &error);
+    ASSERT_GT(pid, 0) << messageOf(error);
+    EXPECT_EQ(captured, nullptr);  // nothing is captured from a com port
+    UniqueFd connection = listener.accept();
+    ASSERT_TRUE(connection);
+    ASSERT_EQ(::write(connection.get(), "hello\n", 6), 6);
+    // End of file arrives when the child ends: the helper keeps no copy.
+    EXPECT_EQ(readAll(connection.get()), "got hello\noops\n");
+}
+
+TEST_F(ServiceRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {
+    const std::string small = script("small", "i=0; while [ $i -lt 1000 ]; do printf '%09d\\n' $i; i=$((i+1)); done");
+    std::shared_ptr<CSCapturedProcessOutput> captured;
+    MaybeError error;
+    ASSERT_GT(tool_->runServiceAtPath(small, std::nullopt, 0, true, std::nullopt, &captured, &error), 0);
+    ASSERT_TRUE(captured);
+    // 10,000 bytes written; the last 4096 kept (and trimmed of the final
+    // line end).
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) {
+        char line[16];
+        std::snprintf(line, sizeof line, "%09d\n", i);
+        expected += line;
+    }
+    const auto waitForText = [&] {
+        for (int i = 0; i < 200 && captured->capturedText() != expected.substr(10000 - 4096, 4095); ++i) {
+            std::this_thread::sleep_for(10ms);
+        }
+        return captured->capturedText();
+    };
+    EXPECT_EQ(waitForText(), expected.substr(10000 - 4096, 4095));
+
+    // 32 MB with nobody waiting: the child still finishes promptly.
+    const std::string flood = script("flood", "head -c 32000000 /dev/zero | tr '\\0' 'z'");
+    captured.reset();
+    const pid_t pid = tool_->runServiceAtPath(flood, std::nullopt, 0, false, std::nullopt, &captured, &error);
+    ASSERT_GT(pid, 0);
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (processExists(pid) && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(processExists(pid));
+    for (int i = 0; i < 200 && captured->capturedText() != std::string(4096, 'z'); ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(captured->capturedText(), std::string(4096, 'z'));
+
+    // A waited child that fails after a flood: the wait returns and the
+    // error holds the output's end.
+    const std::string failing = script("failflood", "head -c 8000000 /dev/zero | tr '\\0' 'y'; echo; echo last words; exit 9");
+    EXPECT_EQ(tool_->runServiceAtPath(failing, std::nullopt, 0, true, &error), -1);
+    const std::string message = messageOf(error);
+    EXPECT_EQ(message.substr(message.size() - 11), "last words\n");
+}
+
+TEST_F(ServiceRunnerTest, KillProcessWithID) {
+    const std::string path = script("sleeper", "exec sleep 30");
+    MaybeError error;
+    const pid_t pid = tool_->runServiceAtPath(path, std::nullopt, 0, false, &error);
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(tool_->killProcessWithID(pid, SIGTERM));
+    for (int i = 0; i < 500 && processExists(pid); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(processExists(pid));
+    // Gone already: success without sending anything.
+    EXPECT_TRUE(tool_->killProcessWithID(pid, SIGTERM));
+    // Identifiers that name groups or every process are never signalled
+    // (this test process would not survive otherwise).
+    EXPECT_TRUE(tool_->killProcessWithID(0, SIGTERM));
+    EXPECT_TRUE(tool_->killProcessWithID(-1, SIGTERM));
+}
+
+TEST_F(ServiceRunnerTest, OpenSocketOnPort) {
+    ComPortListener listener;
+    UniqueFd socket(tool_->openSocketOnPort(listener.port()));
+    ASSERT_TRUE(socket);
+    EXPECT_TRUE(::fcntl(socket.get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(listener.accept());
+    EXPECT_EQ(tool_->openSocketOnPort(closedPort()), -1);
+    EXPECT_EQ(tool_->openSocketOnPort(65536 + listener.port()), -1);
+}
+
+}  // namespace
+}  // namespace korvo
