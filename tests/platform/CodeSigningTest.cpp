@@ -1,6 +1,7 @@
 // The code-sign state of executables, the system-executable rule and the
 // acceptance of a running client, on real files and processes.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -8,6 +9,7 @@
 
 #include "SigningTestSupport.h"
 #include "platform/linux/CodeSigningLinux.h"
+#include "platform/linux/UniqueFd.h"
 
 namespace korvo::test {
 namespace {
@@ -77,7 +79,12 @@ TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
     ASSERT_FALSE(platform::codesign::signFile(link, {"com.tallowmar.second", kTeamSigner.certificate,
                                                      std::string(kTeamSigner.chain), kTeamSigner.key}));
     EXPECT_TRUE(fs::is_symlink(link));
-    EXPECT_EQ(fs::file_size(program), onceSigned + 1);  // one more identifier byte, nothing stacked
+    // The new block sits where the old one was, over the same code.
+    EXPECT_LT(fs::file_size(program), onceSigned + 16);
+    const platform::codesign::UniqueFd fd(::open(program.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto description = platform::codesign::describeSignature(fd.get());
+    EXPECT_EQ(description.directory.identifier, "com.tallowmar.second");
+    EXPECT_EQ(description.directory.codeLength, fs::file_size(kSmallProgram));
     struct stat st {};
     ASSERT_EQ(::stat(program.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0750u);
