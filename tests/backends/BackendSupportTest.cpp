@@ -1,0 +1,73 @@
+#include "backends/BackendSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "core/HelperTool.h"
+
+namespace korvo {
+namespace {
+
+class DirectiveTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dirTemplate[] = "/tmp/korvo-directive-XXXXXX";
+        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
+        dir_ = dirTemplate;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    bool contains(const std::string& text, const std::string& directive) {
+        const std::string path = dir_ + "/c.ovpn";
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+        return KorvoHelperTool::configFileAtPath(path, directive);
+    }
+    std::string dir_;
+};
+
+TEST_F(DirectiveTest, FirstWordOfAnUncommentedLineMustMatchExactly) {
+    EXPECT_TRUE(contains("client\nverb 3\n", "verb"));
+    EXPECT_TRUE(contains("client\r\n \t verb\t5\r\n", "verb"));
+    EXPECT_TRUE(contains("client\rverb 3", "verb"));  // a lone CR ends a line too
+    EXPECT_TRUE(contains("verb", "verb"));
+    EXPECT_FALSE(contains("# verb 3\n; verb 3\n  #verb 3\n", "verb"));
+    EXPECT_FALSE(contains("--verb 3\nverbose 1\nVERB 3\nmute-verb 2\n", "verb"));
+    EXPECT_FALSE(contains("<connection>verb 3</connection>\n", "verb"));
+    EXPECT_FALSE(contains("", "verb"));
+}
+
+TEST_F(DirectiveTest, UnreadableOrNonUTF8ConfigurationHasNoDirectives) {
+    EXPECT_FALSE(contains("verb 3\n\xff\xfe\n", "verb"));
+    EXPECT_FALSE(KorvoHelperTool::configFileAtPath(dir_ + "/absent.ovpn", "verb"));
+    EXPECT_FALSE(KorvoHelperTool::configFileAtPath(dir_, "verb"));
+}
+
+std::string removed(const std::string& text, bool expectRemoval) {
+    bool flag = !expectRemoval;
+    std::string out = configTextByRemovingBackgroundOption(text, &flag);
+    EXPECT_EQ(flag, expectRemoval) << text;
+    return out;
+}
+
+TEST(BackgroundOptionTest, EveryFormOfTheOptionIsDroppedAndNothingElse) {
+    EXPECT_EQ(removed("user=a\nbackground\nprotocol=anyconnect\n", true), "user=a\nprotocol=anyconnect\n");
+    EXPECT_EQ(removed("--background\n", true), "");
+    EXPECT_EQ(removed("BackGround=yes\nx", true), "x");
+    EXPECT_EQ(removed("  background  \n\tkeep  \n", true), "\tkeep  \n");
+    EXPECT_EQ(removed("---background value\n", true), "");
+    // Every line-break character ends a line, so CR LF leaves empty lines.
+    EXPECT_EQ(removed("a\r\nbackground\r\nb", true), "a\n\n\nb");
+}
+
+TEST(BackgroundOptionTest, LookalikesAndCommentsAreKeptUntouched) {
+    const std::string text = "#background\nbackgrounded\nno-background\nbackground-color=1\nx background\n";
+    EXPECT_EQ(removed(text, false), text);
+    EXPECT_EQ(removed("", false), "");
+    // With "=" after the first blank the name ends at the blank.
+    EXPECT_EQ(removed("background x=1\n", true), "");
+    EXPECT_EQ(removed("mtu=1 background\n", false), "mtu=1 background\n");
+}
+
+}  // namespace
+}  // namespace korvo
