@@ -3,13 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
-#include <string>
 
 #include "NetworkTestSupport.h"
 #include "network/NetworkSystemOperations.h"
@@ -17,20 +12,13 @@
 using namespace korvo;
 using korvo::testing::errorMessage;
 using korvo::testing::shell;
+using korvo::testing::shellOutput;
 
 namespace {
 
 bool exists(const char* name) { return if_nametoindex(name) != 0; }
-
-// The up flag as the kernel reports it.
 bool isUp(const char* name) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq request{};
-    std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
-    const int result = ::ioctl(fd, SIOCGIFFLAGS, &request);
-    ::close(fd);
-    EXPECT_EQ(result, 0) << name;
-    return (request.ifr_flags & IFF_UP) != 0;
+    return shellOutput(std::string("ip -o link show dev ") + name + " | grep -c '[<,]UP[,>]'") == "1\n";
 }
 
 }  // namespace
@@ -40,24 +28,18 @@ TEST(KernelInterfaces, TunAndTapDevicesAreDestroyedAndAbsentOnesTolerated) {
                       " && ip tuntap add mode tun name korvotunnel1234"))
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;
-
     EXPECT_FALSE(operations._deleteInterfaceIfPresent("utun7"));
     EXPECT_FALSE(operations._deleteInterfaceIfPresent("tap0"));
-    EXPECT_FALSE(exists("utun7"));
-    EXPECT_FALSE(exists("tap0"));
+    EXPECT_FALSE(exists("utun7") || exists("tap0"));
     EXPECT_FALSE(operations._deleteInterfaceIfPresent("utun7"));
     EXPECT_FALSE(operations._deleteInterfaceIfPresent(""));
-
-    // The name is cut to 15 characters, as an interface request holds it.
+    // The name is cut to the 15 characters an interface request holds.
     EXPECT_FALSE(operations._deleteInterfaceIfPresent("korvotunnel1234-and-more"));
     EXPECT_FALSE(exists("korvotunnel1234"));
 
-    // Interfaces that cannot be destroyed are a real failure.
     const MaybeError loopback = operations._deleteInterfaceIfPresent("lo");
-    ASSERT_TRUE(loopback);
-    EXPECT_EQ(loopback->code, 68);
-    EXPECT_EQ(errorMessage(loopback).rfind("Could not delete tunnel interface lo: Operation not supported", 0), 0u)
-        << errorMessage(loopback);
+    EXPECT_EQ(loopback.value_or(KorvoError{}).code, 68);
+    EXPECT_EQ(errorMessage(loopback), "Could not delete tunnel interface lo: Operation not supported");
     EXPECT_TRUE(exists("lo"));
 }
 
@@ -66,26 +48,20 @@ TEST(KernelInterfaces, EthernetNamedInterfacesAreListedAndBroughtDownAndUp) {
                       " && ip tuntap add mode tun name utun3 && ip link add en0123456789abc type veth peer name peer0"))
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;
-
-    // In index order: a veth peer may come before the end that was named first.
     std::vector<std::string> names = operations._localEthernetInterfaceNames();
-    std::sort(names.begin(), names.end());
+    std::sort(names.begin(), names.end());  // index order: a veth peer may come first
     EXPECT_EQ(names, (std::vector<std::string>{"en0", "en0123456789abc", "enx1"}));
 
-    EXPECT_FALSE(isUp("en0"));
-    EXPECT_FALSE(operations._setInterfaceNamed("en0", true));
-    EXPECT_TRUE(isUp("en0"));
-    EXPECT_FALSE(operations._setInterfaceNamed("en0", true));  // already up: written again, no error
-    EXPECT_TRUE(isUp("en0"));
-    EXPECT_FALSE(operations._setInterfaceNamed("en0", false));
-    EXPECT_FALSE(isUp("en0"));
+    ASSERT_FALSE(isUp("en0"));
+    for (const bool enabled : {true, true, false, false}) {  // a repeated state is written again, no error
+        EXPECT_FALSE(operations._setInterfaceNamed("en0", enabled));
+        EXPECT_EQ(isUp("en0"), enabled);
+    }
     EXPECT_FALSE(isUp("enx1"));  // its peer is left alone
-
     EXPECT_FALSE(operations._setInterfaceNamed("en0123456789abcdef", true));
     EXPECT_TRUE(isUp("en0123456789abc"));
 
     const MaybeError absent = operations._setInterfaceNamed("en9", true);
-    ASSERT_TRUE(absent);
-    EXPECT_EQ(absent->code, 68);
+    EXPECT_EQ(absent.value_or(KorvoError{}).code, 68);
     EXPECT_EQ(errorMessage(absent), "Could not read flags for interface en9: No such device");
 }
