@@ -41,7 +41,8 @@ bool scanWholeInteger(std::string_view text, std::int64_t& value) {
     constexpr std::uint64_t kLimit = static_cast<std::uint64_t>(INT64_MAX) + 1;
     std::uint64_t magnitude = 0;
     for (; index < text.size() && isAsciiDigit(text[index]); ++index) {
-        magnitude = std::min<std::uint64_t>(kLimit, magnitude * 10 + static_cast<unsigned>(text[index] - '0'));
+        const auto digit = static_cast<std::uint64_t>(text[index] - '0');
+        magnitude = magnitude > (kLimit - digit) / 10 ? kLimit : magnitude * 10 + digit;
     }
     if (index == digitsStart || index != text.size()) return false;
     if (negative) {

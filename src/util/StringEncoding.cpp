@@ -43,13 +43,19 @@ struct ConverterCloser {
 };
 using Converter = std::unique_ptr<UConverter, ConverterCloser>;
 
+// Leaves the error set, so that the conversion stops. ICU's own stopping
+// callback silently drops unmappable default-ignorable characters (U+FFF5,
+// U+200B, ...), which would make a lossy conversion look like a good one.
+void stopOnUnmappable(const void*, UConverterFromUnicodeArgs*, const UChar*, std::int32_t, UChar32,
+                      UConverterCallbackReason, UErrorCode*) {}
+
 // A converter that stops at the first character it cannot map either way.
 Converter openStrictConverter(const char* name) {
     UErrorCode status = U_ZERO_ERROR;
     Converter converter(ucnv_open(name, &status));
     if (U_FAILURE(status)) return nullptr;
     ucnv_setToUCallBack(converter.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
-    ucnv_setFromUCallBack(converter.get(), UCNV_FROM_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
+    ucnv_setFromUCallBack(converter.get(), stopOnUnmappable, nullptr, nullptr, nullptr, &status);
     if (U_FAILURE(status)) return nullptr;
     return converter;
 }

@@ -142,6 +142,8 @@ TEST(Base64Text, CharacterEncodings) {
     EXPECT_EQ(stringByDecodingBase64("6Q==", StringEncoding::UTF8), std::nullopt);
     EXPECT_EQ(stringByDecodingBase64("2AA=", StringEncoding::UTF16BigEndian), std::nullopt);
     EXPECT_EQ(stringByEncodingBase64("\u00e9", StringEncoding::ASCII), std::nullopt);
+    EXPECT_EQ(stringByEncodingBase64("a\u200b", StringEncoding::ASCII), std::nullopt);
+    EXPECT_EQ(stringByEncodingBase64("\ufff5", StringEncoding::WindowsCP1252), std::nullopt);
     EXPECT_EQ(stringByEncodingBase64("x", static_cast<StringEncoding>(999)), std::nullopt);
     for (const auto encoding : {StringEncoding::UTF8, StringEncoding::Unicode, StringEncoding::UTF32,
                                 StringEncoding::ShiftJIS, StringEncoding::UTF16LittleEndian}) {
