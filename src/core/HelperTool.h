@@ -26,6 +26,7 @@ namespace korvo {
 
 class CSCapturedProcessOutput;
 class SerialQueue;
+class WorkerPool;
 
 namespace platform {
 class ServiceListener;
@@ -55,6 +56,8 @@ struct HelperServices {
     // Finds the client application's bundle path; nullopt when none is installed.
     std::function<std::optional<std::string>()> locateApplicationBundle;
 
+    // The real services: the platform's code signing and tunnel interfaces,
+    // the bus listener, the desktop's application lookup.
     static HelperServices production();
 };
 
@@ -66,7 +69,9 @@ public:
     KorvoHelperTool(const KorvoHelperTool&) = delete;
     KorvoHelperTool& operator=(const KorvoHelperTool&) = delete;
 
-    // Resumes the listener and serves requests until terminateWithReply.
+    // Resumes the listener and serves requests until terminateWithReply, which
+    // ends the process with status 0. A listener that cannot be resumed ends
+    // it with status 1.
     void run();
 
     // --- Requests without a reply -------------------------------------------
@@ -76,6 +81,8 @@ public:
     void setVPNDebugLoggingEnabled(bool enabled);
 
     // --- Requests with a reply ----------------------------------------------
+    // Logs, replies, and ends the process with status 0: at once before run,
+    // else through run, which first stops the listener.
     void terminateWithReply(ErrorReply reply);
 
     void connectOpenVPNWithConfig(const std::optional<std::string>& configPath, std::uint64_t managementPort,
@@ -125,6 +132,7 @@ public:
     static bool configFileAtPath(const std::string& path, const std::string& directive);
 
     // --- Fields -----------------------------------------------------------------
+    // Empty after the client has set nil.
     std::string tmpDirPath() const;
     std::optional<Bundle> korvoBundle() const;
     bool vpnDebugLoggingEnabled() const;
@@ -144,12 +152,14 @@ private:
     HelperServices services_;
 
     mutable std::recursive_mutex objectLock_;
-    std::string tmpDirPath_;
+    std::optional<std::string> tmpDirPath_;
     std::optional<Bundle> korvoBundle_;
     std::map<std::string, Dictionary> networkTransactions_;
     bool networkDiagnosticsCaptureEnabled_ = false;
     std::optional<std::string> networkDiagnosticsLogPath_;
     std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
+    // The threads the two queues below run on.
+    std::shared_ptr<WorkerPool> queuePool_;
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
     std::mutex networkDiagnosticsLogLock_;
@@ -164,6 +174,10 @@ private:
     std::condition_variable runCondition_;
     bool running_ = false;
     bool stopRequested_ = false;
+    bool listenerFailed_ = false;  // run() then ends the process with status 1
+
+    friend class HelperToolListenerDelegate;
+    void listenerDidFail(const std::string& reason);
 };
 
 }  // namespace korvo

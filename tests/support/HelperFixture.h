@@ -61,6 +61,8 @@ public:
         std::map<std::string, std::string> environment;
         // The daemon to start; empty: the one this build made.
         std::string helperPath;
+        // false: start only the bus (for tests that serve on it themselves).
+        bool startHelper = true;
     };
 
     HelperFixture();
@@ -71,6 +73,8 @@ public:
 
     // Starts the bus, then the helper, and waits until the helper owns its
     // name. nullopt on success, else what went wrong (with the helper's log).
+    // The bus's address is also put into this process's
+    // DBUS_SYSTEM_BUS_ADDRESS, so that system-bus code under test finds it.
     std::optional<std::string> start();
 
     // One request as the signed client; waits up to timeout for the reply.

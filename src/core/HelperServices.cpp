@@ -1,0 +1,19 @@
+#include "core/HelperTool.h"
+#include "core/WorkspaceLookup.h"
+#include "platform/ServiceListener.h"
+
+namespace korvo {
+
+HelperServices HelperServices::production() {
+    HelperServices services;
+    services.codeSigning = platform::makeSystemCodeSigning();
+    services.makeListener = [](std::string_view serviceName, platform::ServiceListenerDelegate& delegate) {
+        return platform::makeServiceListener(serviceName, delegate);
+    };
+    services.locateApplicationBundle = [] {
+        return applicationBundlePathForIdentifier(KorvoApplicationIdentifier, xdgApplicationDirectories());
+    };
+    return services;
+}
+
+}  // namespace korvo

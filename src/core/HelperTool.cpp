@@ -1,0 +1,187 @@
+#include "core/HelperTool.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/ClientAcceptance.h"
+#include "core/Protocol.h"
+#include "platform/ServiceListener.h"
+#include "util/Log.h"
+#include "util/SerialQueue.h"
+#include "util/WorkerPool.h"
+
+namespace korvo {
+namespace {
+
+constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.utility.networkDiagnostics";
+constexpr std::string_view kNetworkResetQueueLabel = "com.tallowmar.korvo.utility.networkReset";
+
+// Ends the process without running static destructors: request work may still
+// be running on other threads and must not see the process half torn down.
+[[noreturn]] void exitProcess(int status) {
+    std::fflush(nullptr);
+    ::_exit(status);
+}
+
+// The process's temporary directory with a trailing "/": $TMPDIR, else /tmp.
+std::string processTemporaryDirectory() {
+    const char* tmpdir = std::getenv("TMPDIR");
+    std::string dir = (tmpdir != nullptr && *tmpdir == '/') ? tmpdir : "/tmp";
+    if (dir.back() != '/') dir += '/';
+    return dir;
+}
+
+}  // namespace
+
+// Accepts connections for the service object and runs their requests on it.
+class HelperToolListenerDelegate final : public platform::ServiceListenerDelegate {
+public:
+    explicit HelperToolListenerDelegate(KorvoHelperTool& tool)
+        : tool_(tool), acceptance_(tool.services().codeSigning) {}
+
+    bool shouldAcceptNewConnection(platform::ServiceListener& listener,
+                                   const platform::ServiceConnection& connection) override {
+        // Only the service object's own listener may ask; anything else is a
+        // programming error that must not be papered over.
+        if (&listener != tool_.listener()) {
+            logMessage(LOG_ERR, "Assertion failure: listener == self.listener (HelperTool:769)");
+            std::abort();
+        }
+        return acceptance_.shouldAcceptClient(connection.processIdentifier);
+    }
+
+    const std::vector<OperationSpec>& exportedOperations() override { return helperOperations(); }
+
+    void performOperation(const OperationSpec& operation, const Dictionary& arguments, ReplySender reply) override {
+        operation.handler(tool_, arguments, std::move(reply));
+    }
+
+    void listenerDidFail(platform::ServiceListener&, const std::string& reason) override {
+        tool_.listenerDidFail(reason);
+    }
+
+private:
+    KorvoHelperTool& tool_;
+    const ClientAcceptance acceptance_;
+};
+
+KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(services)) {
+    if (services_.makeListener) {
+        listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
+        listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
+    }
+    tmpDirPath_ = processTemporaryDirectory();
+    if (services_.locateApplicationBundle) {
+        if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
+    }
+    // Each queue needs at most one thread at a time.
+    queuePool_ = std::make_shared<WorkerPool>(2);
+    networkDiagnosticsQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkDiagnosticsQueueLabel), queuePool_);
+    networkResetQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkResetQueueLabel), queuePool_);
+    networkDiagnosticsSuppressionCount_ = 0;
+}
+
+KorvoHelperTool::~KorvoHelperTool() {
+    // The listener's requests reach into this object: stop them first.
+    listener_.reset();
+    listenerDelegate_.reset();
+    networkDiagnosticsQueue_.reset();
+    networkResetQueue_.reset();
+}
+
+void KorvoHelperTool::run() {
+    {
+        std::lock_guard lock(runMutex_);
+        running_ = true;
+    }
+    if (listener_) {
+        if (auto error = listener_->resume()) {
+            logMessage(LOG_ERR, "Error: Unable to start listening for requests: %s: %s", error->domain.c_str(),
+                       error->displayText().c_str());
+            exitProcess(EXIT_FAILURE);
+        }
+    }
+    std::unique_lock lock(runMutex_);
+    runCondition_.wait(lock, [this] { return stopRequested_; });
+    running_ = false;
+    const bool failed = listenerFailed_;
+    lock.unlock();
+    if (listener_) listener_->invalidate();
+    exitProcess(failed ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+void KorvoHelperTool::listenerDidFail(const std::string& reason) {
+    logMessage(LOG_ERR, "Error: Stopped listening for requests: %s", reason.c_str());
+    std::lock_guard lock(runMutex_);
+    listenerFailed_ = true;
+    stopRequested_ = true;
+    runCondition_.notify_all();
+}
+
+void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
+    logMessage(LOG_NOTICE, "Terminating helper utility on Korvo request.");
+    if (reply) reply(std::nullopt);
+    std::unique_lock lock(runMutex_);
+    if (!running_) {
+        lock.unlock();
+        exitProcess(EXIT_SUCCESS);
+    }
+    stopRequested_ = true;
+    runCondition_.notify_all();
+}
+
+void KorvoHelperTool::setKorvoBundlePath(const std::optional<std::string>& path) {
+    std::optional<Bundle> bundle = path ? Bundle::bundleWithPath(*path) : std::nullopt;
+    std::lock_guard lock(objectLock_);
+    korvoBundle_ = std::move(bundle);
+}
+
+void KorvoHelperTool::setTmpDirPath(const std::optional<std::string>& path) {
+    std::lock_guard lock(objectLock_);
+    tmpDirPath_ = path;
+}
+
+void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath) {
+    std::lock_guard lock(objectLock_);
+    networkDiagnosticsCaptureEnabled_ = enabled;
+    networkDiagnosticsLogPath_ = logFilePath;
+}
+
+void KorvoHelperTool::setVPNDebugLoggingEnabled(bool enabled) {
+    std::lock_guard lock(objectLock_);
+    vpnDebugLoggingEnabled_ = enabled;
+}
+
+std::string KorvoHelperTool::tmpDirPath() const {
+    std::lock_guard lock(objectLock_);
+    return tmpDirPath_.value_or(std::string());
+}
+
+std::optional<Bundle> KorvoHelperTool::korvoBundle() const {
+    std::lock_guard lock(objectLock_);
+    return korvoBundle_;
+}
+
+bool KorvoHelperTool::vpnDebugLoggingEnabled() const {
+    std::lock_guard lock(objectLock_);
+    return vpnDebugLoggingEnabled_;
+}
+
+bool KorvoHelperTool::networkDiagnosticsCaptureEnabled() const {
+    std::lock_guard lock(objectLock_);
+    return networkDiagnosticsCaptureEnabled_;
+}
+
+std::optional<std::string> KorvoHelperTool::networkDiagnosticsLogPath() const {
+    std::lock_guard lock(objectLock_);
+    return networkDiagnosticsLogPath_;
+}
+
+std::int64_t KorvoHelperTool::networkDiagnosticsActiveConnectionCount() const {
+    std::lock_guard lock(objectLock_);
+    return networkDiagnosticsActiveConnectionCount_;
+}
+
+}  // namespace korvo

@@ -1,0 +1,393 @@
+#include "platform/linux/DbusListener.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "platform/linux/DbusValueCodec.h"
+#include "core/ProtocolArguments.h"
+#include "util/Log.h"
+#include "util/SerialQueue.h"
+#include "util/WorkerPool.h"
+
+namespace korvo::platform {
+namespace {
+
+constexpr const char* kBusDaemonName = "org.freedesktop.DBus";
+constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
+constexpr const char* kBusDaemonInterface = "org.freedesktop.DBus";
+constexpr const char* kErrorAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr const char* kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr const char* kErrorLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* kErrorFailed = "org.freedesktop.DBus.Error.Failed";
+constexpr std::uint32_t kNameFlagDoNotQueue = 4;
+constexpr std::uint32_t kNameReplyPrimaryOwner = 1;
+constexpr std::uint32_t kNameReplyAlreadyOwner = 4;
+constexpr auto kBusDaemonTimeout = std::chrono::seconds(5);
+// How long invalidate() keeps writing replies that are still queued.
+constexpr auto kFlushTimeout = std::chrono::seconds(2);
+
+}  // namespace
+
+// The service connection, shared with every reply in flight so that a reply
+// sent late never touches a connection that is gone.
+struct DbusListener::Bus {
+    std::unique_ptr<sdbus::IConnection> connection;
+    sdbus::Slot nameOwnerChanged;  // released before the connection
+    int wakeFd = -1;
+
+    ~Bus() {
+        nameOwnerChanged.reset();
+        connection.reset();
+        if (wakeFd >= 0) ::close(wakeFd);
+    }
+
+    // Makes the bus thread poll again, e.g. to write a reply that a worker
+    // could not write in full.
+    void wake() const {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wakeFd, &one, sizeof one);
+    }
+};
+
+// One request; the message refers to the connection, so the bus goes last.
+struct DbusListener::Call {
+    std::shared_ptr<Bus> bus;
+    sdbus::MethodCall message;
+};
+
+struct DbusListener::Client {
+    Client(std::string n, std::shared_ptr<WorkerPool> pool)
+        : name(std::move(n)), queue("com.tallowmar.korvo.utility.client" + name, std::move(pool)) {}
+
+    const std::string name;
+    SerialQueue queue;
+    std::atomic<std::size_t> waiting{0};
+    // Touched only on the queue.
+    std::optional<bool> accepted;
+};
+
+// Sends at most one reply; one that is never sent is answered with an error
+// when the last copy of the reply function goes away.
+class DbusListener::PendingReply {
+public:
+    PendingReply(std::shared_ptr<Call> call, std::string operation,
+                 std::map<std::string, ArgumentType> types)
+        : call_(std::move(call)), operation_(std::move(operation)), types_(std::move(types)) {}
+    PendingReply(const PendingReply&) = delete;
+    PendingReply& operator=(const PendingReply&) = delete;
+
+    ~PendingReply() {
+        if (!sent_.exchange(true)) {
+            logMessage(LOG_ERR, "Error: Request '%s' ended without a reply.", operation_.c_str());
+            sendError(*call_, kErrorFailed, "The request ended without a reply.");
+        }
+    }
+
+    void send(const Dictionary& reply) {
+        if (sent_.exchange(true)) {
+            logMessage(LOG_ERR, "Error: Request '%s' replied more than once; extra reply dropped.", operation_.c_str());
+            return;
+        }
+        auto& message = call_->message;
+        if (message.doesntExpectReply()) return;
+        try {
+            auto out = message.createReply();
+            dbus::writeDictionary(out, reply, types_);
+            out.send();
+            call_->bus->wake();
+        } catch (const sdbus::Error& e) {
+            logMessage(LOG_WARNING, "Warning: Reply to '%s' not sent: %s", operation_.c_str(), e.what());
+        }
+    }
+
+private:
+    std::shared_ptr<Call> call_;
+    const std::string operation_;
+    const std::map<std::string, ArgumentType> types_;
+    std::atomic<bool> sent_{false};
+};
+
+void DbusListener::sendError(Call& call, const std::string& name, const std::string& text) {
+    if (call.message.doesntExpectReply()) return;
+    try {
+        call.message.createErrorReply(sdbus::Error(name, text)).send();
+        call.bus->wake();
+    } catch (const sdbus::Error&) {
+        // The client is gone or the connection closed; nobody to tell.
+    }
+}
+
+namespace {
+
+// A failure of the bus, in the bus's own terms: its error name as the
+// domain, its message as the description.
+KorvoError busError(const std::string& name, const std::string& message) {
+    return KorvoError{name, 0, Dictionary{{std::string(LocalizedDescriptionKey), message}}};
+}
+
+std::string objectPathForServiceName(std::string_view serviceName) {
+    std::string path = "/";
+    for (const char c : serviceName) {
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+        path += c == '.' ? '/' : (allowed ? c : '_');
+    }
+    return path;
+}
+
+}  // namespace
+
+BusServiceNames BusServiceNames::forService(std::string_view serviceName) {
+    return {std::string(serviceName), objectPathForServiceName(serviceName),
+            std::string(serviceName) + ".KorvoHelperToolProtocol"};
+}
+
+std::unique_ptr<ServiceListener> makeServiceListener(std::string_view serviceName, ServiceListenerDelegate& delegate) {
+    return std::make_unique<DbusListener>(serviceName, delegate);
+}
+
+DbusListener::DbusListener(std::string_view serviceName, ServiceListenerDelegate& delegate)
+    : DbusListener(serviceName, delegate, Limits{}) {}
+
+DbusListener::DbusListener(std::string_view serviceName, ServiceListenerDelegate& delegate, Limits limits)
+    : names_(BusServiceNames::forService(serviceName)),
+      delegate_(delegate),
+      limits_(limits),
+      pool_(std::make_shared<WorkerPool>(limits.maximumWorkers)) {}
+
+DbusListener::~DbusListener() {
+    invalidate();
+    {
+        std::unique_lock lock(inFlightMutex_);
+        allRequestsFinished_.wait(lock, [this] { return inFlight_ == 0; });
+    }
+    {
+        std::lock_guard lock(clientsMutex_);
+        clients_.clear();
+    }
+    pool_.reset();
+    object_.reset();
+    queryProxy_.reset();
+    queryConnection_.reset();
+    if (bus_) bus_->nameOwnerChanged.reset();
+    bus_.reset();
+}
+
+MaybeError DbusListener::resume() {
+    if (resumed_) return std::nullopt;
+    if (invalidated_) return busError(kErrorFailed, "The listener has been invalidated.");
+    try {
+        auto bus = std::make_shared<Bus>();
+        bus->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (bus->wakeFd < 0) return busError(kErrorFailed, std::string("eventfd: ") + std::strerror(errno));
+        bus->connection = sdbus::createSystemBusConnection();
+
+        queryConnection_ = sdbus::createSystemBusConnection();
+        queryProxy_ = sdbus::createProxy(*queryConnection_, kBusDaemonName, kBusDaemonPath);
+
+        object_ = sdbus::createObject(*bus->connection, names_.objectPath);
+        for (const auto& operation : delegate_.exportedOperations()) {
+            object_->registerMethod(names_.interfaceName, operation.name, "a{sv}", {"arguments"}, "a{sv}", {"reply"},
+                                    [this, &operation](sdbus::MethodCall call) { receive(operation, std::move(call)); });
+        }
+        object_->finishRegistration();
+
+        bus->nameOwnerChanged = bus->connection->addMatch(
+            "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+            "interface='org.freedesktop.DBus',member='NameOwnerChanged'",
+            [this](sdbus::Message& message) {
+                std::string name, oldOwner, newOwner;
+                message >> name >> oldOwner >> newOwner;
+                if (newOwner.empty() && !name.empty() && name.front() == ':') clientLeft(name);
+            });
+
+        // Refuse to wait in the queue for a name someone else holds: a second
+        // helper must fail loudly rather than sit unused.
+        auto nameProxy = sdbus::createProxy(*bus->connection, kBusDaemonName, kBusDaemonPath);
+        std::uint32_t reply = 0;
+        nameProxy->callMethod("RequestName")
+            .onInterface(kBusDaemonInterface)
+            .withTimeout(kBusDaemonTimeout)
+            .withArguments(names_.busName, kNameFlagDoNotQueue)
+            .storeResultsTo(reply);
+        if (reply != kNameReplyPrimaryOwner && reply != kNameReplyAlreadyOwner) {
+            return busError("org.freedesktop.DBus.Error.AddressInUse",
+                            "The bus name " + names_.busName + " is owned by another process.");
+        }
+
+        bus_ = std::move(bus);
+    } catch (const sdbus::Error& e) {
+        object_.reset();
+        queryProxy_.reset();
+        queryConnection_.reset();
+        return busError(e.getName(), e.getMessage());
+    }
+    resumed_ = true;
+    loopThread_ = std::thread([this] { eventLoop(); });
+    return std::nullopt;
+}
+
+void DbusListener::invalidate() {
+    invalidated_ = true;
+    if (bus_) bus_->wake();
+    if (loopThread_.joinable() && loopThread_.get_id() != std::this_thread::get_id()) loopThread_.join();
+}
+
+std::size_t DbusListener::clientCount() const {
+    std::lock_guard lock(clientsMutex_);
+    return clients_.size();
+}
+
+void DbusListener::eventLoop() {
+    auto& connection = *bus_->connection;
+    try {
+        while (!invalidated_) {
+            while (!invalidated_ && connection.processPendingRequest()) {
+            }
+            if (invalidated_) break;
+            const auto poll = connection.getEventLoopPollData();
+            pollfd fds[2] = {{poll.fd, poll.events, 0}, {bus_->wakeFd, POLLIN, 0}};
+            if (::poll(fds, 2, poll.getPollTimeout()) < 0 && errno != EINTR) {
+                throw sdbus::Error(kErrorFailed, std::string("poll: ") + std::strerror(errno));
+            }
+            if (fds[1].revents & POLLIN) {
+                std::uint64_t count;
+                [[maybe_unused]] const auto n = ::read(bus_->wakeFd, &count, sizeof count);
+            }
+        }
+        flushOutgoing();
+    } catch (const sdbus::Error& e) {
+        if (!invalidated_.exchange(true)) delegate_.listenerDidFail(*this, e.getMessage());
+    }
+}
+
+void DbusListener::flushOutgoing() {
+    auto& connection = *bus_->connection;
+    const auto deadline = std::chrono::steady_clock::now() + kFlushTimeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        const auto poll = connection.getEventLoopPollData();
+        if (!(poll.events & POLLOUT)) return;
+        pollfd fd{poll.fd, POLLOUT, 0};
+        ::poll(&fd, 1, 100);
+        // Also dispatches incoming calls; receive() drops them now.
+        connection.processPendingRequest();
+    }
+}
+
+void DbusListener::receive(const OperationSpec& operation, sdbus::MethodCall message) {
+    if (invalidated_) return;  // the bus answers the caller once we are gone
+    auto call = std::make_shared<Call>(Call{bus_, std::move(message)});
+    const std::string name = call->message.getSender();
+
+    std::shared_ptr<Client> client;
+    {
+        std::lock_guard lock(clientsMutex_);
+        auto& slot = clients_[name];
+        if (!slot) slot = std::make_shared<Client>(name, pool_);
+        client = slot;
+    }
+    if (client->waiting >= limits_.maximumQueuedPerClient) {
+        sendError(*call, kErrorLimitsExceeded, "Too many requests of this client are waiting; try again later.");
+        return;
+    }
+    ++client->waiting;
+    {
+        std::lock_guard lock(inFlightMutex_);
+        ++inFlight_;
+    }
+    client->queue.async([this, client, &operation, call] {
+        --client->waiting;
+        serve(*client, operation, call);
+        requestFinished();
+    });
+}
+
+void DbusListener::requestFinished() {
+    std::lock_guard lock(inFlightMutex_);
+    if (--inFlight_ == 0) allRequestsFinished_.notify_all();
+}
+
+void DbusListener::serve(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call) {
+    if (invalidated_) return;
+    if (!client.accepted) client.accepted = decideAcceptance(client);
+    if (!*client.accepted) {
+        sendError(*call, kErrorAccessDenied, "This client is not allowed to use the Korvo helper.");
+        return;
+    }
+
+    dbus::DecodedDictionary decoded;
+    try {
+        decoded = dbus::readDictionary(call->message);
+    } catch (const sdbus::Error& e) {
+        sendError(*call, kErrorInvalidArgs, e.getMessage());
+        return;
+    }
+    for (const auto& spec : operation.arguments) {
+        if (decoded.undecodableKeys.count(spec.key) != 0) {
+            sendError(*call, kErrorInvalidArgs,
+                      "Argument '" + spec.key + "' of " + operation.name + " holds a value of an unusable type.");
+            return;
+        }
+    }
+    if (auto problem = invalidArgumentMessage(operation, decoded.values)) {
+        sendError(*call, kErrorInvalidArgs, *problem);
+        return;
+    }
+
+    auto pending = std::make_shared<PendingReply>(call, operation.name, replyTypes(operation.reply));
+    delegate_.performOperation(operation, declaredArguments(operation, decoded.values),
+                               [pending](Dictionary reply) { pending->send(reply); });
+}
+
+bool DbusListener::decideAcceptance(Client& client) {
+    ServiceConnection connection{client.name, std::nullopt, std::nullopt};
+    try {
+        std::map<std::string, sdbus::Variant> credentials;
+        queryProxy_->callMethod("GetConnectionCredentials")
+            .onInterface(kBusDaemonInterface)
+            .withTimeout(kBusDaemonTimeout)
+            .withArguments(client.name)
+            .storeResultsTo(credentials);
+        if (auto it = credentials.find("ProcessID");
+            it != credentials.end() && it->second.containsValueOfType<std::uint32_t>()) {
+            connection.processIdentifier = static_cast<pid_t>(it->second.get<std::uint32_t>());
+        }
+        if (auto it = credentials.find("UnixUserID");
+            it != credentials.end() && it->second.containsValueOfType<std::uint32_t>()) {
+            connection.userIdentifier = static_cast<uid_t>(it->second.get<std::uint32_t>());
+        }
+    } catch (const sdbus::Error&) {
+        // The client has left the bus already; it stays unidentified.
+    }
+
+    if (!delegate_.shouldAcceptNewConnection(*this, connection)) return false;
+
+    // The code was pinned by process identifier after the bus named that
+    // process. Had the client exited in between, another program could hold
+    // the identifier now; the client's connection would then be gone, since
+    // the bus drops a connection when its process ends.
+    try {
+        bool connected = false;
+        queryProxy_->callMethod("NameHasOwner")
+            .onInterface(kBusDaemonInterface)
+            .withTimeout(kBusDaemonTimeout)
+            .withArguments(client.name)
+            .storeResultsTo(connected);
+        return connected;
+    } catch (const sdbus::Error&) {
+        return false;
+    }
+}
+
+void DbusListener::clientLeft(const std::string& name) {
+    std::lock_guard lock(clientsMutex_);
+    clients_.erase(name);
+}
+
+}  // namespace korvo::platform

@@ -1,0 +1,262 @@
+#include "platform/linux/DbusValueCodec.h"
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+
+#include <sdbus-c++/Error.h>
+#include <sdbus-c++/Types.h>
+
+namespace korvo::platform::dbus {
+namespace {
+
+// Peeks the type code of the next item; '\0' at the end of a container.
+char peek(sdbus::Message& m, std::string& contents) {
+    std::string type;
+    m.peekType(type, contents);
+    return type.empty() ? '\0' : type[0];
+}
+
+// Reads the next item. nullopt when it has no Value form; the item is
+// consumed either way so that reading can go on after it.
+std::optional<Value> readItem(sdbus::Message& m) {
+    std::string contents;
+    const char type = peek(m, contents);
+    switch (type) {
+        case 'y': { std::uint8_t v; m >> v; return Value(static_cast<std::int64_t>(v)); }
+        case 'n': { std::int16_t v; m >> v; return Value(static_cast<std::int64_t>(v)); }
+        case 'q': { std::uint16_t v; m >> v; return Value(static_cast<std::int64_t>(v)); }
+        case 'i': { std::int32_t v; m >> v; return Value(static_cast<std::int64_t>(v)); }
+        case 'u': { std::uint32_t v; m >> v; return Value(static_cast<std::int64_t>(v)); }
+        case 'x': { std::int64_t v; m >> v; return Value(v); }
+        case 't': {
+            std::uint64_t v;
+            m >> v;
+            if (v > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return std::nullopt;
+            return Value(static_cast<std::int64_t>(v));
+        }
+        case 'b': { bool v; m >> v; return Value(v); }
+        case 'd': { double v; m >> v; return Value(v); }
+        case 's': { std::string v; m >> v; return Value(std::move(v)); }
+        case 'o': { sdbus::ObjectPath v; m >> v; return Value(std::string(v)); }
+        case 'g': { sdbus::Signature v; m >> v; return Value(std::string(v)); }
+        case 'h': { sdbus::UnixFd v; m >> v; return std::nullopt; }  // closed again at once
+        case 'v': {
+            m.enterVariant(contents);
+            auto inner = readItem(m);
+            m.exitVariant();
+            return inner;
+        }
+        case 'r': {
+            m.enterStruct(contents);
+            Array items;
+            bool complete = true;
+            std::string ignored;
+            while (peek(m, ignored) != '\0') {
+                auto item = readItem(m);
+                if (item) items.push_back(std::move(*item)); else complete = false;
+            }
+            m.exitStruct();
+            if (!complete) return std::nullopt;
+            return Value(std::move(items));
+        }
+        case 'a': {
+            if (contents == "y") {
+                m.enterContainer(contents);
+                Data bytes;
+                std::string ignored;
+                while (peek(m, ignored) != '\0') {
+                    std::uint8_t b;
+                    m >> b;
+                    bytes.push_back(b);
+                }
+                m.exitContainer();
+                return Value(std::move(bytes));
+            }
+            m.enterContainer(contents);
+            bool complete = true;
+            std::string ignored;
+            if (!contents.empty() && contents[0] == '{') {
+                const bool stringKeys = contents.size() > 1 && (contents[1] == 's' || contents[1] == 'o' ||
+                                                                contents[1] == 'g');
+                Dictionary entries;
+                const std::string entrySignature = contents.substr(1, contents.size() - 2);
+                while (peek(m, ignored) != '\0') {
+                    m.enterDictEntry(entrySignature);
+                    auto key = readItem(m);
+                    auto value = readItem(m);
+                    m.exitDictEntry();
+                    if (!stringKeys || !key || !value) {
+                        complete = false;
+                        continue;
+                    }
+                    entries[*key->asString()] = std::move(*value);
+                }
+                m.exitContainer();
+                if (!complete) return std::nullopt;
+                return Value(std::move(entries));
+            }
+            Array items;
+            while (peek(m, ignored) != '\0') {
+                auto item = readItem(m);
+                if (item) items.push_back(std::move(*item)); else complete = false;
+            }
+            m.exitContainer();
+            if (!complete) return std::nullopt;
+            return Value(std::move(items));
+        }
+        default:
+            throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs",
+                               std::string("Unexpected D-Bus type '") + type + "'");
+    }
+}
+
+bool allStrings(const Array& a) {
+    for (const auto& item : a) {
+        if (!item.isString()) return false;
+    }
+    return true;
+}
+
+bool isInteger(const Value& v) { return v.isNumber() && !v.isBooleanStorage() && !v.isRealStorage(); }
+
+std::string naturalSignature(const Value& v) {
+    switch (v.type()) {
+        case Value::Type::String: return "s";
+        case Value::Type::Integer: return "x";
+        case Value::Type::Real: return "d";
+        case Value::Type::Boolean: return "b";
+        case Value::Type::Data: return "ay";
+        case Value::Type::Dictionary: return "a{sv}";
+        case Value::Type::Array: return allStrings(*v.asArray()) && !v.asArray()->empty() ? "as" : "av";
+    }
+    return "v";
+}
+
+// The signature v is written with, given the declared type of its key.
+std::string signatureFor(const Value& v, std::optional<ArgumentType> declared) {
+    if (declared) {
+        switch (*declared) {
+            case ArgumentType::Int32:
+            case ArgumentType::Int64:
+            case ArgumentType::UInt64:
+                if (isInteger(v)) return signatureForArgumentType(*declared);
+                break;
+            case ArgumentType::StringArray:
+                if (v.isArray() && allStrings(*v.asArray())) return "as";
+                break;
+            case ArgumentType::Int64Array:
+                if (v.isArray()) {
+                    bool integers = true;
+                    for (const auto& item : *v.asArray()) integers = integers && isInteger(item);
+                    if (integers) return "ax";
+                }
+                break;
+            default:
+                break;
+        }
+    }
+    return naturalSignature(v);
+}
+
+void writeItem(sdbus::Message& m, const Value& v, const std::string& signature);
+
+void writeDictionaryBody(sdbus::Message& m, const Dictionary& d, const std::map<std::string, ArgumentType>& types) {
+    m.openContainer("{sv}");
+    for (const auto& [key, value] : d) {
+        auto declared = types.find(key);
+        const std::string signature =
+            signatureFor(value, declared == types.end() ? std::nullopt : std::optional(declared->second));
+        m.openDictEntry("sv");
+        m << key;
+        m.openVariant(signature);
+        writeItem(m, value, signature);
+        m.closeVariant();
+        m.closeDictEntry();
+    }
+    m.closeContainer();
+}
+
+void writeItem(sdbus::Message& m, const Value& v, const std::string& signature) {
+    if (signature == "s") {
+        m << *v.asString();
+    } else if (signature == "b") {
+        m << *v.boolValue();
+    } else if (signature == "d") {
+        m << *v.doubleValue();
+    } else if (signature == "x") {
+        m << static_cast<std::int64_t>(*v.integerValue());
+    } else if (signature == "i") {
+        m << static_cast<std::int32_t>(*v.integerValue());
+    } else if (signature == "t") {
+        m << static_cast<std::uint64_t>(*v.integerValue());
+    } else if (signature == "ay") {
+        m.openContainer("y");
+        for (const auto b : *v.asData()) m << b;
+        m.closeContainer();
+    } else if (signature == "a{sv}") {
+        writeDictionaryBody(m, *v.asDictionary(), {});
+    } else if (signature == "as" || signature == "ax") {
+        const std::string element = signature.substr(1);
+        m.openContainer(element);
+        for (const auto& item : *v.asArray()) writeItem(m, item, element);
+        m.closeContainer();
+    } else {  // av
+        m.openContainer("v");
+        for (const auto& item : *v.asArray()) {
+            const std::string inner = naturalSignature(item);
+            m.openVariant(inner);
+            writeItem(m, item, inner);
+            m.closeVariant();
+        }
+        m.closeContainer();
+    }
+}
+
+}  // namespace
+
+DecodedDictionary readDictionary(sdbus::Message& message) {
+    DecodedDictionary out;
+    std::string contents;
+    if (peek(message, contents) != 'a' || contents != "{sv}") {
+        throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", "Expected one a{sv} argument");
+    }
+    message.enterContainer("{sv}");
+    std::string ignored;
+    while (peek(message, ignored) != '\0') {
+        message.enterDictEntry("sv");
+        std::string key;
+        message >> key;
+        auto value = readItem(message);
+        message.exitDictEntry();
+        if (value) {
+            out.values[key] = std::move(*value);
+            out.undecodableKeys.erase(key);
+        } else {
+            out.values.erase(key);
+            out.undecodableKeys.insert(key);
+        }
+    }
+    message.exitContainer();
+    return out;
+}
+
+void writeDictionary(sdbus::Message& message, const Dictionary& d, const std::map<std::string, ArgumentType>& types) {
+    writeDictionaryBody(message, d, types);
+}
+
+std::string signatureForArgumentType(ArgumentType type) {
+    switch (type) {
+        case ArgumentType::String: return "s";
+        case ArgumentType::Boolean: return "b";
+        case ArgumentType::Int32: return "i";
+        case ArgumentType::Int64: return "x";
+        case ArgumentType::UInt64: return "t";
+        case ArgumentType::StringArray: return "as";
+        case ArgumentType::Int64Array: return "ax";
+        case ArgumentType::Any: return "v";
+    }
+    return "v";
+}
+
+}  // namespace korvo::platform::dbus

@@ -1,0 +1,244 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "core/HelperTool.h"
+#include "core/Protocol.h"
+#include "platform/ServiceListener.h"
+#include "util/Log.h"
+#include "util/SerialQueue.h"
+
+namespace korvo {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+// Says on standard error what the tool asks of it, so that death tests can
+// see the order of events.
+class FakeListener : public platform::ServiceListener {
+public:
+    explicit FakeListener(platform::ServiceListenerDelegate& d, bool failResume) : delegate(d), failResume_(failResume) {}
+    MaybeError resume() override {
+        std::fprintf(stderr, "listener resumed\n");
+        if (failResume_) return errorWithKorvoErrorCode(55, "no bus here");
+        return std::nullopt;
+    }
+    void invalidate() override { std::fprintf(stderr, "listener invalidated\n"); }
+
+    platform::ServiceListenerDelegate& delegate;
+
+private:
+    bool failResume_;
+};
+
+struct FakeGuest : platform::GuestCode {
+    pid_t pid() const override { return 99; }
+};
+struct FakeRequirement : platform::CodeRequirement {};
+
+// Accepts exactly process 99.
+class FakeCodeSigning : public platform::CodeSigning {
+public:
+    platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
+        return platform::CodeSignState::Unsigned;
+    }
+    int copyGuestWithPid(pid_t pid, std::unique_ptr<platform::GuestCode>& guest) override {
+        if (pid != 99) return platform::codesign_status::kNoSuchCode;
+        guest = std::make_unique<FakeGuest>();
+        return 0;
+    }
+    int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>& r) override {
+        r = std::make_unique<FakeRequirement>();
+        return 0;
+    }
+    int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return 0; }
+};
+
+class HelperToolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        char dirTemplate[] = "/tmp/korvo-tool-XXXXXX";
+        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
+        dir = dirTemplate;
+        fs::create_directories(dir / "Korvo.app/Contents/MacOS");
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    HelperServices servicesWithListener(bool failResume = false) {
+        HelperServices services;
+        services.codeSigning = std::make_shared<FakeCodeSigning>();
+        services.makeListener = [this, failResume](std::string_view name, platform::ServiceListenerDelegate& d) {
+            listenerName = std::string(name);
+            auto listener = std::make_unique<FakeListener>(d, failResume);
+            fakeListener = listener.get();
+            return listener;
+        };
+        return services;
+    }
+
+    // Runs one operation of the table on the tool; the reply it sent.
+    Dictionary perform(KorvoHelperTool& tool, const std::string& name, const Dictionary& args) {
+        const OperationSpec* op = findOperation(name);
+        EXPECT_NE(op, nullptr) << name;
+        int replies = 0;
+        Dictionary reply;
+        op->handler(tool, args, [&](Dictionary r) {
+            ++replies;
+            reply = std::move(r);
+        });
+        EXPECT_EQ(replies, 1) << name;
+        return reply;
+    }
+
+    fs::path dir;
+    std::string listenerName;
+    FakeListener* fakeListener = nullptr;
+};
+
+TEST_F(HelperToolTest, StartsWithItsDefaults) {
+    const char* savedTmpdir = std::getenv("TMPDIR");
+    const std::string saved = savedTmpdir ? savedTmpdir : "";
+
+    ::setenv("TMPDIR", "/var/tmp/korvo-test", 1);
+    HelperServices services;
+    services.locateApplicationBundle = [this] { return (dir / "Korvo.app").string(); };
+    {
+        KorvoHelperTool tool(services);
+        EXPECT_EQ(tool.tmpDirPath(), "/var/tmp/korvo-test/");
+        ASSERT_TRUE(tool.korvoBundle());
+        EXPECT_EQ(tool.korvoBundle()->bundlePath(), (dir / "Korvo.app").string());
+        EXPECT_FALSE(tool.vpnDebugLoggingEnabled());
+        EXPECT_FALSE(tool.networkDiagnosticsCaptureEnabled());
+        EXPECT_EQ(tool.networkDiagnosticsLogPath(), std::nullopt);
+        EXPECT_EQ(tool.networkDiagnosticsActiveConnectionCount(), 0);
+        EXPECT_EQ(tool.networkDiagnosticsQueue().label(), "com.tallowmar.korvo.utility.networkDiagnostics");
+        EXPECT_EQ(tool.networkResetQueue().label(), "com.tallowmar.korvo.utility.networkReset");
+        EXPECT_EQ(tool.listener(), nullptr);
+    }
+
+    ::unsetenv("TMPDIR");
+    services.locateApplicationBundle = [this] { return (dir / "missing.app").string(); };
+    {
+        KorvoHelperTool tool(services);
+        EXPECT_EQ(tool.tmpDirPath(), "/tmp/");
+        EXPECT_EQ(tool.korvoBundle(), std::nullopt);
+    }
+    services.locateApplicationBundle = [] { return std::nullopt; };
+    EXPECT_EQ(KorvoHelperTool(services).korvoBundle(), std::nullopt);
+
+    if (savedTmpdir) ::setenv("TMPDIR", saved.c_str(), 1);
+}
+
+// The setters through the operation table, as the bus calls them: each
+// replies once with an empty dictionary and changes only its own field.
+TEST_F(HelperToolTest, SettersStoreWhatTheClientSends) {
+    KorvoHelperTool tool(HelperServices{});
+
+    EXPECT_TRUE(perform(tool, "setKorvoBundlePath", {{"path", (dir / "Korvo.app").string()}}).empty());
+    ASSERT_TRUE(tool.korvoBundle());
+    EXPECT_TRUE(perform(tool, "setKorvoBundlePath", {{"path", (dir / "Korvo.app/Contents/MacOS").string()}}).empty());
+    EXPECT_EQ(tool.korvoBundle(), std::nullopt);  // not a bundle
+
+    EXPECT_TRUE(perform(tool, "setTmpDirPath", {{"path", "relative/no-slash"}}).empty());
+    EXPECT_EQ(tool.tmpDirPath(), "relative/no-slash");  // taken as it is
+    perform(tool, "setTmpDirPath", {});
+    EXPECT_EQ(tool.tmpDirPath(), "");  // nil
+
+    perform(tool, "setNetworkDiagnosticsCaptureEnabled", {{"enabled", true}, {"logFilePath", "/tmp/diag.log"}});
+    EXPECT_TRUE(tool.networkDiagnosticsCaptureEnabled());
+    EXPECT_EQ(tool.networkDiagnosticsLogPath(), "/tmp/diag.log");
+    perform(tool, "setNetworkDiagnosticsCaptureEnabled", {{"enabled", false}});
+    EXPECT_FALSE(tool.networkDiagnosticsCaptureEnabled());
+    EXPECT_EQ(tool.networkDiagnosticsLogPath(), std::nullopt);
+
+    perform(tool, "setVPNDebugLoggingEnabled", {{"enabled", true}});
+    EXPECT_TRUE(tool.vpnDebugLoggingEnabled());
+    EXPECT_EQ(tool.networkDiagnosticsActiveConnectionCount(), 0);
+}
+
+// The order on standard error: the log line, then the reply, then exit 0.
+bool loggedThenReplied(const std::string& output) {
+    const auto logged = output.find("Terminating helper utility on Korvo request.");
+    const auto replied = output.find("replied");
+    return logged != std::string::npos && replied != std::string::npos && logged < replied;
+}
+
+TEST_F(HelperToolTest, TerminateBeforeRunRepliesAndExitsAtOnce) {
+    EXPECT_EXIT(
+        {
+            openHelperLog(true);
+            KorvoHelperTool tool(servicesWithListener());
+            tool.terminateWithReply([](const MaybeError& error) {
+                std::fprintf(stderr, "replied %s\n", error ? "with error" : "nil");
+            });
+            std::fprintf(stderr, "still running\n");
+        },
+        ::testing::ExitedWithCode(0), ::testing::Truly(loggedThenReplied));
+}
+
+TEST_F(HelperToolTest, TerminateWhileRunningStopsTheListenerThenExits) {
+    EXPECT_EXIT(
+        {
+            openHelperLog(true);
+            KorvoHelperTool tool(servicesWithListener());
+            std::thread client([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                perform(tool, "terminateWithReply", {});
+                std::fprintf(stderr, "replied\n");
+            });
+            client.detach();
+            tool.run();
+            std::fprintf(stderr, "run returned\n");
+        },
+        ::testing::ExitedWithCode(0),
+        ::testing::ContainsRegex("listener resumed(.|\n)*Terminating helper(.|\n)*listener invalidated"));
+}
+
+TEST_F(HelperToolTest, RunEndsTheProcessWhenTheListenerCannotStart) {
+    EXPECT_EXIT(
+        {
+            openHelperLog(true);
+            KorvoHelperTool tool(servicesWithListener(true));
+            tool.run();
+        },
+        ::testing::ExitedWithCode(1), HasSubstr("no bus here"));
+}
+
+// The tool's listener delegate: acceptance by code signature, operations
+// from the table, and the guard against a foreign listener.
+TEST_F(HelperToolTest, ListenerDelegateAcceptsBySignatureAndRunsTableOperations) {
+    KorvoHelperTool tool(servicesWithListener());
+    ASSERT_NE(fakeListener, nullptr);
+    EXPECT_EQ(listenerName, "com.tallowmar.korvo.utility");
+    EXPECT_EQ(tool.listener(), fakeListener);
+    auto& delegate = fakeListener->delegate;
+
+    EXPECT_TRUE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.5", 99, 501}));
+    EXPECT_FALSE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.6", 100, 501}));
+    EXPECT_FALSE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.7", std::nullopt, std::nullopt}));
+
+    EXPECT_EQ(&delegate.exportedOperations(), &helperOperations());
+    const OperationSpec* op = findOperation("setVPNDebugLoggingEnabled");
+    ASSERT_NE(op, nullptr);
+    int replies = 0;
+    delegate.performOperation(*op, {{"enabled", true}}, [&](Dictionary) { ++replies; });
+    EXPECT_EQ(replies, 1);
+    EXPECT_TRUE(tool.vpnDebugLoggingEnabled());
+
+    FakeListener stranger(delegate, false);
+    EXPECT_DEATH(
+        {
+            openHelperLog(true);
+            delegate.shouldAcceptNewConnection(stranger, {":1.8", 99, 0});
+        },
+        "listener == self.listener");
+}
+
+}  // namespace
+}  // namespace korvo

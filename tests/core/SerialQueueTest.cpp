@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "util/SerialQueue.h"
+#include "util/WorkerPool.h"
+
+namespace korvo {
+namespace {
+
+using namespace std::chrono_literals;
+
+// One queue: items run one at a time and in order, even when the pool has
+// threads to spare and items are queued from several threads at once.
+TEST(SerialQueueTest, RunsItsItemsOneAtATimeInOrder) {
+    auto pool = std::make_shared<WorkerPool>(8);
+    std::vector<int> order;
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    {
+        SerialQueue queue("test.order", pool);
+        for (int i = 0; i < 200; ++i) {
+            queue.async([&, i] {
+                if (running.fetch_add(1) != 0) overlapped = true;
+                order.push_back(i);
+                running.fetch_sub(1);
+            });
+        }
+        queue.sync([] {});
+    }
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(order.size(), 200u);
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+}
+
+// Two queues on one pool run side by side: a long item on one does not hold
+// up the other, and a queue flooded with work does not starve the other.
+TEST(SerialQueueTest, DifferentQueuesRunConcurrently) {
+    auto pool = std::make_shared<WorkerPool>(4);
+    SerialQueue slow("test.slow", pool);
+    SerialQueue quick("test.quick", pool);
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    slow.async([released] { released.wait(); });
+    for (int i = 0; i < 1000; ++i) slow.async([] {});
+
+    std::promise<void> quickRan;
+    quick.async([&] { quickRan.set_value(); });
+    EXPECT_EQ(quickRan.get_future().wait_for(2s), std::future_status::ready);
+    release.set_value();
+    slow.sync([] {});
+    EXPECT_EQ(slow.pendingCount(), 0u);
+}
+
+TEST(SerialQueueTest, SyncFromItsOwnItemRunsInlineAndDestructorWaits) {
+    auto pool = std::make_shared<WorkerPool>(2);
+    std::atomic<bool> nestedRan{false};
+    std::atomic<bool> lastRan{false};
+    {
+        SerialQueue queue("test.nested", pool);
+        queue.sync([&] {
+            EXPECT_TRUE(queue.isCurrent());
+            queue.sync([&] { nestedRan = true; });
+        });
+        queue.async([&] {
+            std::this_thread::sleep_for(50ms);
+            lastRan = true;
+        });
+        EXPECT_FALSE(queue.isCurrent());
+    }
+    EXPECT_TRUE(nestedRan);
+    EXPECT_TRUE(lastRan);
+}
+
+// The pool never runs more threads than its bound, starts a thread for work
+// that arrives while every thread is busy, and lets idle threads go.
+TEST(WorkerPoolTest, BoundsItsThreadsAndRetiresIdleOnes) {
+    WorkerPool pool(3, 100ms);
+    std::mutex mutex;
+    std::condition_variable changed;
+    int concurrent = 0;
+    int peak = 0;
+    std::atomic<int> done{0};
+    for (int i = 0; i < 12; ++i) {
+        pool.submit([&] {
+            {
+                std::lock_guard lock(mutex);
+                peak = std::max(peak, ++concurrent);
+            }
+            std::this_thread::sleep_for(30ms);
+            {
+                std::lock_guard lock(mutex);
+                --concurrent;
+            }
+            ++done;
+            changed.notify_all();
+        });
+    }
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(changed.wait_for(lock, 5s, [&] { return done == 12; }));
+    }
+    EXPECT_EQ(peak, 3);
+    EXPECT_LE(pool.threadCount(), 3u);
+
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (pool.threadCount() > 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(pool.threadCount(), 0u);
+
+    // Work submitted after the threads retired still runs.
+    std::promise<void> ran;
+    pool.submit([&] { ran.set_value(); });
+    EXPECT_EQ(ran.get_future().wait_for(2s), std::future_status::ready);
+}
+
+// Two items submitted back to back while one thread idles must not wait for
+// each other: the second one gets a thread of its own.
+TEST(WorkerPoolTest, WorkArrivingTogetherDoesNotQueueBehindAnIdleThread) {
+    WorkerPool pool(4);
+    std::promise<void> warm;
+    pool.submit([&] { warm.set_value(); });
+    warm.get_future().wait();
+    std::this_thread::sleep_for(20ms);  // the thread is idle now
+
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    std::promise<void> secondRan;
+    pool.submit([released] { released.wait(); });
+    pool.submit([&] { secondRan.set_value(); });
+    EXPECT_EQ(secondRan.get_future().wait_for(2s), std::future_status::ready);
+    release.set_value();
+}
+
+// Dropping the last owner of a pool from work running on it must neither
+// deadlock nor crash.
+TEST(WorkerPoolTest, CanBeReleasedFromItsOwnThread) {
+    auto pool = std::make_shared<WorkerPool>(2);
+    std::promise<void> done;
+    auto* raw = pool.get();
+    raw->submit([pool = std::move(pool), &done]() mutable {
+        pool.reset();
+        done.set_value();
+    });
+    EXPECT_EQ(done.get_future().wait_for(2s), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace korvo

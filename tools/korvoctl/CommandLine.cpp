@@ -1,0 +1,178 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <limits>
+
+#include "core/ProtocolArguments.h"
+#include "util/FileSystem.h"
+#include "util/PropertyList.h"
+
+namespace korvo::ctl {
+namespace {
+
+std::string lowercase(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return s;
+}
+
+std::optional<std::int64_t> parseInteger(std::string_view text, std::int64_t minimum, std::int64_t maximum) {
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    if (value < minimum || value > maximum) return std::nullopt;
+    return value;
+}
+
+std::vector<std::string> splitList(const std::string& text) {
+    std::vector<std::string> items;
+    if (text.empty()) return items;
+    std::size_t start = 0;
+    for (;;) {
+        const auto comma = text.find(',', start);
+        items.push_back(text.substr(start, comma - start));
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return items;
+}
+
+std::optional<std::string> parseValue(const ArgumentSpec& spec, const std::string& text, Dictionary& arguments) {
+    const std::string problem = "'" + spec.key + "' takes a " + argumentTypeDescription(spec.type) + ", not '" + text + "'";
+    switch (spec.type) {
+        case ArgumentType::String:
+            arguments[spec.key] = text;
+            return std::nullopt;
+        case ArgumentType::Boolean: {
+            const std::string word = lowercase(text);
+            if (word == "true" || word == "yes" || word == "1") {
+                arguments[spec.key] = true;
+            } else if (word == "false" || word == "no" || word == "0") {
+                arguments[spec.key] = false;
+            } else {
+                return problem;
+            }
+            return std::nullopt;
+        }
+        case ArgumentType::Int32:
+        case ArgumentType::Int64:
+        case ArgumentType::UInt64: {
+            const std::int64_t minimum = spec.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::min()
+                                         : spec.type == ArgumentType::Int64 ? std::numeric_limits<std::int64_t>::min()
+                                                                            : 0;
+            const std::int64_t maximum = spec.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::max()
+                                                                          : std::numeric_limits<std::int64_t>::max();
+            const auto value = parseInteger(text, minimum, maximum);
+            if (!value) return problem;
+            arguments[spec.key] = *value;
+            return std::nullopt;
+        }
+        case ArgumentType::StringArray:
+        case ArgumentType::Int64Array: {
+            const auto existing = arguments.find(spec.key);
+            Array items = existing != arguments.end() && existing->second.isArray() ? *existing->second.asArray() : Array{};
+            for (const auto& item : splitList(text)) {
+                if (spec.type == ArgumentType::StringArray) {
+                    items.emplace_back(item);
+                    continue;
+                }
+                const auto value =
+                    parseInteger(item, std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max());
+                if (!value) return problem;
+                items.emplace_back(static_cast<long long>(*value));
+            }
+            arguments.insert_or_assign(spec.key, Value(std::move(items)));
+            return std::nullopt;
+        }
+        case ArgumentType::Any: {
+            if (text.empty() || text.front() != '@') {
+                arguments[spec.key] = text;
+                return std::nullopt;
+            }
+            const std::string path = text.substr(1);
+            auto bytes = readFile(path);
+            if (!bytes) return "cannot read " + path + ": " + bytes.error().displayText();
+            auto value = readPropertyList(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+            if (!value) return path + " is not a property list";
+            arguments[spec.key] = std::move(*value);
+            return std::nullopt;
+        }
+    }
+    return problem;
+}
+
+std::string placeholder(ArgumentType type) {
+    switch (type) {
+        case ArgumentType::String: return "STRING";
+        case ArgumentType::Boolean: return "true|false";
+        case ArgumentType::Int32:
+        case ArgumentType::Int64: return "INTEGER";
+        case ArgumentType::UInt64: return "NUMBER";
+        case ArgumentType::StringArray: return "A,B,...";
+        case ArgumentType::Int64Array: return "N,M,...";
+        case ArgumentType::Any: return "@PLIST-FILE";
+    }
+    return "VALUE";
+}
+
+}  // namespace
+
+std::optional<std::string> parseOperationArguments(const OperationSpec& operation,
+                                                   const std::vector<std::string>& words, Dictionary& arguments) {
+    for (const auto& word : words) {
+        const auto equals = word.find('=');
+        if (equals == std::string::npos) return "expected KEY=VALUE, not '" + word + "'";
+        const std::string key = word.substr(0, equals);
+        const auto spec = std::find_if(operation.arguments.begin(), operation.arguments.end(),
+                                       [&](const ArgumentSpec& s) { return s.key == key; });
+        if (spec == operation.arguments.end()) {
+            return operation.name + " has no argument '" + key + "'; usage: " + operationUsage(operation);
+        }
+        if (auto problem = parseValue(*spec, word.substr(equals + 1), arguments)) return problem;
+    }
+    return std::nullopt;
+}
+
+std::string operationUsage(const OperationSpec& operation) {
+    std::string usage = operation.name;
+    for (const auto& spec : operation.arguments) usage += " " + spec.key + "=" + placeholder(spec.type);
+    return usage;
+}
+
+std::string describeValue(const Value& value) {
+    switch (value.type()) {
+        case Value::Type::String: return *value.asString();
+        case Value::Type::Integer: return std::to_string(*value.integerValue());
+        case Value::Type::Real: return std::to_string(*value.doubleValue());
+        case Value::Type::Boolean: return *value.boolValue() ? "true" : "false";
+        case Value::Type::Data: return "<" + std::to_string(value.asData()->size()) + " bytes>";
+        case Value::Type::Array: {
+            std::string out = "[";
+            for (const auto& item : *value.asArray()) out += (out.size() > 1 ? ", " : "") + describeValue(item);
+            return out + "]";
+        }
+        case Value::Type::Dictionary: {
+            std::string out = "{";
+            for (const auto& [key, item] : *value.asDictionary()) {
+                out += (out.size() > 1 ? ", " : "") + key + ": " + describeValue(item);
+            }
+            return out + "}";
+        }
+    }
+    return "";
+}
+
+std::string formatReply(const Dictionary& reply) {
+    std::string out;
+    for (const auto& [key, value] : reply) {
+        if (key != "error") out += key + ": " + describeValue(value) + "\n";
+    }
+    return out;
+}
+
+std::string formatError(const KorvoError& error) {
+    return "error " + std::to_string(error.code) + " (" + error.domain + "): " + error.displayText();
+}
+
+}  // namespace korvo::ctl
