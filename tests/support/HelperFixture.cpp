@@ -264,9 +264,17 @@ std::string HelperFixture::helperLog() const {
     return state_->log;
 }
 
-bool HelperFixture::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
+bool HelperFixture::waitForLog(const std::string& text, std::chrono::milliseconds timeout,
+                               std::size_t occurrences) const {
     std::unique_lock lock(state_->logMutex);
-    return state_->logGrew.wait_for(lock, timeout, [&] { return state_->log.find(text) != std::string::npos; });
+    return state_->logGrew.wait_for(lock, timeout, [&] {
+        std::size_t found = 0;
+        for (auto at = state_->log.find(text); at != std::string::npos && found < occurrences;
+             at = state_->log.find(text, at + 1)) {
+            ++found;
+        }
+        return found >= occurrences;
+    });
 }
 
 pid_t HelperFixture::helperPid() const { return state_->helperPid; }

@@ -83,8 +83,11 @@ public:
 
     // Everything the helper has written to standard error so far (its log).
     std::string helperLog() const;
-    // Waits until the log holds text; false after timeout.
-    bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    // Waits until the log holds text (at least that many times); false after
+    // timeout. The log arrives through a pipe: a reply can come before the
+    // lines logged ahead of it.
+    bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                    std::size_t occurrences = 1) const;
 
     pid_t helperPid() const;
     // The private bus, as DBUS_SYSTEM_BUS_ADDRESS would name it.

@@ -30,6 +30,10 @@ constexpr std::uint32_t kNameFlagDoNotQueue = 4;
 constexpr std::uint32_t kNameReplyPrimaryOwner = 1;
 constexpr std::uint32_t kNameReplyAlreadyOwner = 4;
 constexpr auto kBusDaemonTimeout = std::chrono::seconds(5);
+// The largest reply sent. The system bus refuses messages above its limit
+// (32 MB by default) by dropping the sender's connection, which would end
+// the service for every client; no reply of the helper comes near this.
+constexpr std::size_t kMaximumReplySize = 8 << 20;
 // How long invalidate() keeps writing replies that are still queued.
 constexpr auto kFlushTimeout = std::chrono::seconds(2);
 
@@ -97,6 +101,11 @@ public:
         }
         auto& message = call_->message;
         if (message.doesntExpectReply()) return;
+        if (dbus::encodedSizeEstimate(reply) > kMaximumReplySize) {
+            logMessage(LOG_ERR, "Error: Reply to '%s' too large for the bus; sent an error instead.", operation_.c_str());
+            sendError(*call_, kErrorLimitsExceeded, "The reply is too large for the bus.");
+            return;
+        }
         try {
             auto out = message.createReply();
             dbus::writeDictionary(out, reply, types_);

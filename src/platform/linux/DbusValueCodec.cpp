@@ -213,7 +213,30 @@ void writeItem(sdbus::Message& m, const Value& v, const std::string& signature) 
     }
 }
 
+// Per item: alignment padding, a variant's signature, a length word.
+constexpr std::size_t kItemOverhead = 16;
+
+std::size_t sizeEstimate(const Value& v) {
+    switch (v.type()) {
+        case Value::Type::String: return kItemOverhead + v.asString()->size();
+        case Value::Type::Data: return kItemOverhead + v.asData()->size();
+        case Value::Type::Array: {
+            std::size_t total = kItemOverhead;
+            for (const auto& item : *v.asArray()) total += sizeEstimate(item);
+            return total;
+        }
+        case Value::Type::Dictionary: return encodedSizeEstimate(*v.asDictionary());
+        default: return kItemOverhead;
+    }
+}
+
 }  // namespace
+
+std::size_t encodedSizeEstimate(const Dictionary& d) {
+    std::size_t total = kItemOverhead;
+    for (const auto& [key, value] : d) total += kItemOverhead + key.size() + sizeEstimate(value);
+    return total;
+}
 
 DecodedDictionary readDictionary(sdbus::Message& message) {
     DecodedDictionary out;

@@ -2,6 +2,7 @@
 // each way, whose values are decoded into Value and encoded from it.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
@@ -33,6 +34,11 @@ DecodedDictionary readDictionary(sdbus::Message& message);
 // array of strings, av for any other array.
 void writeDictionary(sdbus::Message& message, const Dictionary& d,
                      const std::map<std::string, ArgumentType>& types = {});
+
+// About how many bytes d takes in a message (an upper bound for what
+// writeDictionary writes), so that a sender can stay below the bus's message
+// size limit: the bus drops a connection that sends a larger message.
+std::size_t encodedSizeEstimate(const Dictionary& d);
 
 // The D-Bus signature an argument of this type travels as.
 std::string signatureForArgumentType(ArgumentType type);

@@ -1,0 +1,389 @@
+// The bus listener with a table of test operations, on a private bus: how it
+// orders and overlaps requests, checks arguments, replies, and keeps and
+// drops client state. The test process is the service and all its clients.
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "KorvoClient.h"
+#include "platform/linux/DbusListener.h"
+#include "support/HelperFixture.h"
+
+namespace korvo {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using ::testing::HasSubstr;
+
+constexpr const char* kService = "com.tallowmar.korvo.utility";
+constexpr const char* kInterface = "com.tallowmar.korvo.utility.KorvoHelperToolProtocol";
+constexpr const char* kPath = "/com/tallowmar/korvo/utility";
+
+std::vector<OperationSpec> testOperations() {
+    using T = ArgumentType;
+    return {
+        {"slow", {{"label", T::String}, {"index", T::Int64}, {"delayMs", T::Int64}}, ReplyShape::Result, nullptr},
+        {"echo",
+         {{"text", T::String},
+          {"count", T::Int64},
+          {"pid", T::Int32},
+          {"port", T::UInt64},
+          {"flag", T::Boolean},
+          {"names", T::StringArray}},
+         ReplyShape::Result,
+         nullptr},
+        {"note", {}, ReplyShape::None, nullptr},
+        {"silent", {}, ReplyShape::Error, nullptr},
+        {"twice", {}, ReplyShape::Error, nullptr},
+    };
+}
+
+struct Interval {
+    std::string label;
+    std::int64_t index;
+    Clock::time_point start, end;
+};
+
+class TestDelegate : public platform::ServiceListenerDelegate {
+public:
+    bool shouldAcceptNewConnection(platform::ServiceListener&, const platform::ServiceConnection& c) override {
+        std::lock_guard lock(mutex);
+        ++acceptanceCalls[c.name];
+        return refused.count(c.name) == 0 && c.processIdentifier == ::getpid() && c.userIdentifier == ::getuid();
+    }
+
+    const std::vector<OperationSpec>& exportedOperations() override { return operations; }
+
+    void performOperation(const OperationSpec& op, const Dictionary& args, ReplySender reply) override {
+        if (op.name == "slow") {
+            Interval interval{*stringForKey(args, "label"), args.at("index").integerValue().value_or(0), Clock::now(), {}};
+            std::this_thread::sleep_for(std::chrono::milliseconds(args.at("delayMs").integerValue().value_or(0)));
+            interval.end = Clock::now();
+            {
+                std::lock_guard lock(mutex);
+                intervals.push_back(interval);
+            }
+            reply({{"result", interval.label}});
+        } else if (op.name == "echo") {
+            {
+                std::lock_guard lock(mutex);
+                seen.push_back(args);
+            }
+            reply({{"result", stringForKey(args, "text").value_or("")}});
+        } else if (op.name == "note") {
+            ++notes;
+            reply({});
+        } else if (op.name == "twice") {
+            reply({});
+            reply({{"error", Dictionary{}}});
+        }
+        // "silent" drops its reply function without calling it.
+    }
+
+    void listenerDidFail(platform::ServiceListener&, const std::string&) override { ++failures; }
+
+    std::size_t acceptanceCount(const std::string& name) {
+        std::lock_guard lock(mutex);
+        return acceptanceCalls[name];
+    }
+
+    const std::vector<OperationSpec> operations = testOperations();
+    std::mutex mutex;
+    std::set<std::string> refused;
+    std::map<std::string, std::size_t> acceptanceCalls;
+    std::vector<Interval> intervals;
+    std::vector<Dictionary> seen;
+    std::atomic<int> notes{0};
+    std::atomic<int> failures{0};
+};
+
+// A client that writes the a{sv} itself, to send D-Bus types that the value
+// model would never produce.
+class RawClient {
+public:
+    explicit RawClient(const std::string& address)
+        : connection_(sdbus::createSessionBusConnectionWithAddress(address)),
+          proxy_(sdbus::createProxy(*connection_, kService, kPath)) {}
+
+    // The reply dictionary, or the bus error's name and message.
+    std::pair<Dictionary, std::string> call(const std::string& method, const std::map<std::string, sdbus::Variant>& args) {
+        try {
+            auto message = proxy_->createMethodCall(kInterface, method);
+            message << args;
+            auto reply = proxy_->callMethod(message);
+            std::map<std::string, sdbus::Variant> out;
+            reply >> out;
+            Dictionary d;
+            for (auto& [k, v] : out) {
+                if (v.containsValueOfType<std::string>()) d[k] = v.get<std::string>();
+            }
+            return {d, ""};
+        } catch (const sdbus::Error& e) {
+            return {{}, e.getName() + ": " + e.getMessage()};
+        }
+    }
+
+    sdbus::IProxy& proxy() { return *proxy_; }
+
+private:
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IProxy> proxy_;
+};
+
+class DbusListenerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(bus.start(), std::nullopt);
+        startListener(platform::DbusListener::Limits{});
+    }
+
+    void startListener(platform::DbusListener::Limits limits) {
+        listener.reset();
+        listener = std::make_unique<platform::DbusListener>(kService, delegate, limits);
+        ASSERT_EQ(listener->resume(), std::nullopt);
+    }
+
+    std::unique_ptr<KorvoClient> client() { return std::make_unique<KorvoClient>(bus.busAddress()); }
+
+    bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
+        const auto deadline = Clock::now() + timeout;
+        while (!condition()) {
+            if (Clock::now() > deadline) return false;
+            std::this_thread::sleep_for(10ms);
+        }
+        return true;
+    }
+
+    void TearDown() override {
+        listener.reset();
+        EXPECT_EQ(delegate.failures, 0);
+    }
+
+    test::HelperFixture bus{test::HelperFixture::Options{{}, "", false}};
+    TestDelegate delegate;
+    std::unique_ptr<platform::DbusListener> listener;
+};
+
+TEST_F(DbusListenerTest, OneClientsRequestsRunInOrderWhileAnotherClientsOverlapThem) {
+    auto a = client();
+    auto b = client();
+    const auto started = Clock::now();
+    for (int i = 0; i < 3; ++i) {
+        a->call("slow", {{"label", "A"}, {"index", i}, {"delayMs", 200}}, 5s, false);
+    }
+    std::chrono::milliseconds bElapsed{};
+    std::thread other([&] {
+        std::this_thread::sleep_for(50ms);
+        const auto t0 = Clock::now();
+        const auto outcome = b->call("slow", {{"label", "B"}, {"index", 0}, {"delayMs", 200}});
+        bElapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
+        EXPECT_FALSE(outcome.busError);
+        EXPECT_EQ(outcome.reply.at("result"), Value("B"));
+    });
+    const auto last = a->call("slow", {{"label", "A"}, {"index", 3}, {"delayMs", 0}});
+    other.join();
+    EXPECT_FALSE(last.busError);
+    EXPECT_GE(Clock::now() - started, 600ms);  // A's three slow requests one after the other
+    EXPECT_LT(bElapsed, 450ms);                 // B did not wait for them
+
+    std::lock_guard lock(delegate.mutex);
+    std::vector<Interval> aRuns, bRuns;
+    for (const auto& i : delegate.intervals) (i.label == "A" ? aRuns : bRuns).push_back(i);
+    ASSERT_EQ(aRuns.size(), 4u);
+    ASSERT_EQ(bRuns.size(), 1u);
+    for (std::size_t i = 0; i < aRuns.size(); ++i) {
+        EXPECT_EQ(aRuns[i].index, static_cast<std::int64_t>(i));
+        if (i > 0) {
+            EXPECT_LE(aRuns[i - 1].end, aRuns[i].start);
+        }
+    }
+    EXPECT_LT(bRuns[0].start, aRuns[1].end);
+    EXPECT_GT(bRuns[0].end, aRuns[0].start);
+}
+
+// Every request is answered exactly once: an operation without a reply
+// answers an empty dictionary when asked, one that forgets to reply gets an
+// error, and a second reply is dropped.
+TEST_F(DbusListenerTest, EveryRequestIsAnsweredExactlyOnce) {
+    auto c = client();
+    auto outcome = c->call("note", {});
+    EXPECT_FALSE(outcome.busError);
+    EXPECT_TRUE(outcome.reply.empty());
+    EXPECT_EQ(delegate.notes, 1);
+
+    outcome = c->call("silent", {}, 5s);
+    ASSERT_TRUE(outcome.busError);
+    EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.Failed");
+
+    outcome = c->call("twice", {});
+    EXPECT_FALSE(outcome.busError);
+    EXPECT_TRUE(outcome.reply.empty());
+
+    outcome = c->call("echo", {{"text", "after"}});
+    EXPECT_EQ(outcome.reply.at("result"), Value("after"));
+
+    outcome = c->call("noSuchOperation", {});
+    ASSERT_TRUE(outcome.busError);
+    EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.UnknownMethod");
+}
+
+TEST_F(DbusListenerTest, ChecksArgumentTypesAndNamesTheKey) {
+    RawClient raw(bus.busAddress());
+    // Any integer type will do for an integer argument, as long as it fits.
+    for (const auto& value : {sdbus::Variant(std::uint8_t{7}), sdbus::Variant(std::int16_t{7}),
+                              sdbus::Variant(std::uint16_t{7}), sdbus::Variant(std::int32_t{7}),
+                              sdbus::Variant(std::uint32_t{7}), sdbus::Variant(std::int64_t{7}),
+                              sdbus::Variant(std::uint64_t{7})}) {
+        const auto [reply, error] = raw.call("echo", {{"count", value}, {"port", value}, {"pid", value}});
+        EXPECT_EQ(error, "") << value.peekValueType();
+    }
+    {
+        std::lock_guard lock(delegate.mutex);
+        ASSERT_FALSE(delegate.seen.empty());
+        EXPECT_EQ(delegate.seen.back().at("count"), Value(7));
+    }
+
+    const std::vector<std::pair<std::string, sdbus::Variant>> bad = {
+        {"pid", sdbus::Variant(std::uint32_t{3000000000u})},
+        {"port", sdbus::Variant(std::int64_t{-1})},
+        {"count", sdbus::Variant(std::uint64_t{1} << 63)},
+        {"count", sdbus::Variant(2.5)},
+        {"flag", sdbus::Variant(std::int32_t{1})},
+        {"text", sdbus::Variant(std::vector<std::string>{"x"})},
+        {"names", sdbus::Variant(std::vector<std::int32_t>{1})},
+    };
+    for (const auto& [key, value] : bad) {
+        const auto [reply, error] = raw.call("echo", {{key, value}});
+        EXPECT_THAT(error, HasSubstr("org.freedesktop.DBus.Error.InvalidArgs")) << key;
+        EXPECT_THAT(error, HasSubstr("'" + key + "'"));
+    }
+
+    // Keys the operation does not declare are ignored, even unusable ones,
+    // and never reach it.
+    const std::size_t before = delegate.seen.size();
+    auto [reply, error] = raw.call("echo", {{"text", sdbus::Variant(std::string("kept"))},
+                                            {"extra", sdbus::Variant(std::uint64_t{1} << 63)},
+                                            {"more", sdbus::Variant(std::map<std::int32_t, std::string>{{1, "x"}})}});
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(reply["result"], Value("kept"));
+    {
+        std::lock_guard lock(delegate.mutex);
+        ASSERT_EQ(delegate.seen.size(), before + 1);
+        EXPECT_EQ(delegate.seen.back(), (Dictionary{{"text", "kept"}}));
+    }
+
+    // Not an a{sv} at all: the bus library refuses it before the listener.
+    try {
+        auto message = raw.proxy().createMethodCall(kInterface, "echo");
+        message << std::string("plain");
+        raw.proxy().callMethod(message);
+        ADD_FAILURE() << "a call with the wrong signature was answered";
+    } catch (const sdbus::Error& e) {
+        EXPECT_EQ(e.getName(), "org.freedesktop.DBus.Error.InvalidArgs");
+    }
+
+    // Large values travel whole; a reply too large for the bus is refused
+    // rather than sent, which would cost the listener its connection.
+    auto c = client();
+    std::string text(4 << 20, 'k');
+    auto outcome = c->call("echo", {{"text", text}, {"names", Array(1000, Value("n"))}}, 30s);
+    ASSERT_FALSE(outcome.busError) << outcome.busError->message;
+    EXPECT_EQ(outcome.reply.at("result").asString()->size(), text.size());
+
+    text.resize(16 << 20, 'k');
+    outcome = c->call("echo", {{"text", text}}, 30s);
+    ASSERT_TRUE(outcome.busError);
+    EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.LimitsExceeded");
+    {
+        std::lock_guard lock(delegate.mutex);
+        EXPECT_EQ(delegate.seen.back().at("text").asString()->size(), text.size());
+    }
+    EXPECT_FALSE(c->call("note", {}).busError);
+}
+
+// A client is judged once, on its first request; a refused client gets
+// AccessDenied every time and nothing runs. Leaving the bus drops the
+// client's state, and a new connection is judged anew.
+TEST_F(DbusListenerTest, JudgesEachClientOnceAndForgetsItWhenItLeaves) {
+    auto refused = client();
+    auto accepted = client();
+    const std::string refusedName = *refused->uniqueName();
+    const std::string acceptedName = *accepted->uniqueName();
+    {
+        std::lock_guard lock(delegate.mutex);
+        delegate.refused.insert(refusedName);
+    }
+    for (int i = 0; i < 2; ++i) {
+        const auto denied = refused->call("note", {});
+        ASSERT_TRUE(denied.busError);
+        EXPECT_EQ(denied.busError->name, "org.freedesktop.DBus.Error.AccessDenied");
+        EXPECT_FALSE(accepted->call("note", {}).busError);
+    }
+    EXPECT_EQ(delegate.notes, 2);
+    EXPECT_EQ(delegate.acceptanceCount(refusedName), 1u);
+    EXPECT_EQ(delegate.acceptanceCount(acceptedName), 1u);
+    EXPECT_EQ(listener->clientCount(), 2u);
+
+    refused.reset();
+    accepted.reset();
+    EXPECT_TRUE(waitFor([&] { return listener->clientCount() == 0; }));
+
+    auto again = client();
+    EXPECT_FALSE(again->call("note", {}).busError);
+    EXPECT_EQ(delegate.acceptanceCount(*again->uniqueName()), 1u);
+}
+
+// A client that gives up on its request and leaves: the request finishes,
+// its reply goes nowhere, and the listener serves on.
+TEST_F(DbusListenerTest, SurvivesAClientThatLeavesMidRequest) {
+    auto leaving = client();
+    const auto outcome = leaving->call("slow", {{"label", "L"}, {"index", 0}, {"delayMs", 300}}, 50ms);
+    ASSERT_TRUE(outcome.busError);
+    leaving.reset();
+
+    auto other = client();
+    EXPECT_EQ(other->call("echo", {{"text", "still here"}}).reply.at("result"), Value("still here"));
+    EXPECT_TRUE(waitFor([&] {
+        std::lock_guard lock(delegate.mutex);
+        return delegate.intervals.size() == 1;
+    }));
+    other.reset();
+    EXPECT_TRUE(waitFor([&] { return listener->clientCount() == 0; }));
+}
+
+// One client floods the listener: its backlog is bounded (the excess is
+// refused with LimitsExceeded), and another client is answered promptly all
+// the while.
+TEST_F(DbusListenerTest, AFloodingClientIsBoundedAndDelaysNobodyElse) {
+    startListener({8, 64});
+    auto flood = client();
+    auto other = client();
+    flood->call("slow", {{"label", "F"}, {"index", 0}, {"delayMs", 500}}, 5s, false);
+    for (int i = 0; i < 500; ++i) flood->call("note", {}, 5s, false);
+    const auto overflow = flood->call("note", {});
+    ASSERT_TRUE(overflow.busError);
+    EXPECT_EQ(overflow.busError->name, "org.freedesktop.DBus.Error.LimitsExceeded");
+
+    for (int i = 0; i < 5; ++i) {
+        const auto t0 = Clock::now();
+        EXPECT_FALSE(other->call("echo", {{"text", "quick"}}).busError);
+        EXPECT_LT(Clock::now() - t0, 200ms);
+    }
+
+    EXPECT_TRUE(waitFor([&] { return !flood->call("note", {}).busError; }));
+    EXPECT_GE(delegate.notes, 60);
+    EXPECT_LE(delegate.notes, 66);
+}
+
+}  // namespace
+}  // namespace korvo
