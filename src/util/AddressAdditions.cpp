@@ -12,9 +12,13 @@ namespace korvo {
 
 namespace {
 
+// Longer than any text inet_pton accepts (an IPv6 address with an IPv4 tail
+// takes at most 45 characters); spares copying a long text to reject it.
+constexpr std::size_t kLongestAddressText = 64;
+
 // inet_pton wants a C string; text with a NUL in it is no address.
 bool parsesAsAddress(int family, std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) return false;
+    if (text.size() > kLongestAddressText || text.find('\0') != std::string_view::npos) return false;
     const std::string terminated(text);
     in6_addr buffer{};
     return inet_pton(family, terminated.c_str(), &buffer) == 1;

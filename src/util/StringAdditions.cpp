@@ -12,6 +12,7 @@
 #include "util/DataAdditions.h"
 #include "util/Digest.h"
 #include "util/Format.h"
+#include "util/SubstringSearch.h"
 #include "util/Utf8.h"
 
 namespace korvo {
@@ -43,8 +44,9 @@ std::string textDigest(DigestAlgorithm algorithm, std::string_view text) {
 std::string replacingOccurrences(std::string_view text, std::string_view from, std::string_view to) {
     std::string result;
     result.reserve(text.size());
+    const SubstringFinder<char> finder(from);
     std::size_t start = 0;
-    for (std::size_t found = text.find(from); found != std::string_view::npos; found = text.find(from, start)) {
+    for (std::size_t found = finder.find(text); found != finder.npos; found = finder.find(text, start)) {
         result.append(text, start, found - start);
         result.append(to);
         start = found + from.size();

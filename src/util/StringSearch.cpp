@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "util/CharacterSets.h"
+#include "util/SubstringSearch.h"
 #include "util/Utf8.h"
 
 namespace korvo {
@@ -107,8 +108,12 @@ bool containsString(std::string_view text, std::optional<std::string_view> needl
     // when nothing is folded and, without the literal option, when neither
     // side can hold a decomposable or combining character.
     if (!anchored && (options & kFolding) == 0 && (literal || (isASCII(text) && isASCII(*needle)))) {
-        if (isValidUTF8(text) && isValidUTF8(*needle)) return text.find(*needle) != std::string_view::npos;
-        return repairedUTF8(text).find(repairedUTF8(*needle)) != std::string::npos;
+        if (isValidUTF8(text) && isValidUTF8(*needle)) {
+            return SubstringFinder<char>(*needle).find(text) != std::string_view::npos;
+        }
+        const std::string repairedText = repairedUTF8(text);
+        const std::string repairedNeedle = repairedUTF8(*needle);
+        return SubstringFinder<char>(repairedNeedle).find(repairedText) != std::string_view::npos;
     }
 
     const icu::UnicodeString haystack = comparable(text, options);
@@ -120,10 +125,13 @@ bool containsString(std::string_view text, std::optional<std::string_view> needl
         return start >= 0 && haystack.compare(start, length, pattern) == 0 &&
                isWholeCharacterMatch(haystack, start, start + length, literal);
     }
-    for (std::int32_t start = haystack.indexOf(pattern); start >= 0; start = haystack.indexOf(pattern, start + 1)) {
-        if (isWholeCharacterMatch(haystack, start, start + length, literal)) return true;
-    }
-    return false;
+    const std::u16string_view units(haystack.getBuffer(), static_cast<std::size_t>(haystack.length()));
+    const SubstringFinder<char16_t> finder({pattern.getBuffer(), static_cast<std::size_t>(length)});
+    const auto wholeCharacters = [&](std::size_t start) {
+        const auto position = static_cast<std::int32_t>(start);
+        return isWholeCharacterMatch(haystack, position, position + length, literal);
+    };
+    return finder.find(units, 0, wholeCharacters) != finder.npos;
 }
 
 std::int64_t numberOfHitsFromArray(std::string_view text, std::span<const std::string> words) {

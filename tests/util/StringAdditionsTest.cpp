@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "util/DataAdditions.h"
 #include "util/StringAdditions.h"
 
 namespace korvo {
@@ -151,6 +152,33 @@ TEST(Base64Text, CharacterEncodings) {
         ASSERT_TRUE(encoded);
         EXPECT_EQ(stringByDecodingBase64(*encoded, encoding), "\u65e5\u672c abc");
     }
+}
+
+TEST(BadInput, IllFormedUTF8ReadsAsReplacementCharacters) {
+    const std::string bad = "a\xff\xc3" "b\xed\xa0\x80" "c";  // stray byte, cut sequence, surrogate
+    const std::string read = "a\ufffd\ufffdb\ufffd\ufffd\ufffdc";
+    EXPECT_EQ(stringByStrippingDoubleSpaces(bad), read);
+    EXPECT_EQ(stringWithOpenVPNSlashEscapes(bad), read);
+    EXPECT_EQ(stringByHumanizingProfileName(bad), read);
+    std::string line;
+    appendStringLine(line, bad);
+    EXPECT_EQ(line, read + "\n");
+    EXPECT_TRUE(containsString(bad, "\ufffdb"));
+    EXPECT_TRUE(isEqualToWordInArray(bad, std::vector<std::string>{read}));
+    EXPECT_EQ(stringByDecodingBase64(base64EncodedString(bytesOf(bad)), StringEncoding::UTF8), std::nullopt);
+}
+
+TEST(BadInput, LongRepetitiveTextStaysLinear) {
+    const std::string text(1 << 20, 'a');
+    const std::string needle = std::string(1 << 19, 'a') + "b";
+    EXPECT_FALSE(containsString(text, needle));
+    EXPECT_FALSE(containsString(text, needle, kLiteralSearch));
+    EXPECT_FALSE(containsString(text, needle, kCaseInsensitiveSearch));
+    std::string target = text;
+    replacePlaceholder(target, needle, "x", std::nullopt);
+    EXPECT_EQ(target, text);
+    EXPECT_EQ(stringByStrippingDoubleSpaces(std::string(1 << 20, ' ')), " ");
+    EXPECT_FALSE(isValidIPAddress(text));
 }
 
 }  // namespace
