@@ -112,14 +112,6 @@ protected:
         MaybeError error;
         std::int32_t pid = 0;
     };
-    PidResult vpnc(const std::optional<std::string>& configPath, std::uint64_t port) {
-        PidResult r;
-        tool_->connectVPNCWithConfig(configPath, port, [&r](const MaybeError& e, std::int32_t pid) {
-            r.error = e;
-            r.pid = pid;
-        });
-        return r;
-    }
     PidResult openConnect(const std::optional<std::string>& configPath, std::uint64_t port,
                           const std::optional<std::string>& resolve = std::string()) {
         PidResult r;
@@ -235,114 +227,21 @@ TEST_F(BackendRequestTest, OpenVPNFailuresAndLegacyProviderEnvironment) {
     EXPECT_EQ(missing->domain, "NSCocoaErrorDomain");
 }
 
-TEST_F(BackendRequestTest, VPNCStartsWithTheComPortAndExactArguments) {
-    const std::string conf = config("work.conf", "IPSec gateway 10.0.0.1\n");
-    PidResult noScript = vpnc(conf, 1);
-    ASSERT_TRUE(noScript.error);
-    EXPECT_EQ(noScript.error->code, 62);
-    EXPECT_EQ(messageOf(noScript.error), "vpnc script file not found at " + tmp_ + "work-vpnc-script.sh");
-    EXPECT_EQ(noScript.pid, -1);
-
-    const std::string scriptPath = script("work-vpnc-script.sh");
-    Listener listener;
-    const PidResult started = vpnc(conf, listener.port());
-    ASSERT_EQ(started.error, std::nullopt) << messageOf(started.error);
-    EXPECT_GT(started.pid, 0);
-    EXPECT_EQ(listener.readConnection(), "vpnc says hello\n");
-    EXPECT_EQ(lines(awaitFile(tmp_ + "vpnc.argv")),
-              (std::vector<std::string>{"--debug", "1", conf, "--script", scriptPath, "--local-port", "0"}));
-    EXPECT_EQ(modeOf(scriptPath), 0755u);
-    EXPECT_EQ(modeOf(bundle_ + "/Contents/MacOS/vpnc"), 0755u);
-
-    tool_->setVPNDebugLoggingEnabled(true);
-    std::filesystem::remove(tmp_ + "vpnc.argv");
-    Listener second;
-    ASSERT_EQ(vpnc(conf, second.port()).error, std::nullopt);
-    second.readConnection();
-    EXPECT_EQ(lines(awaitFile(tmp_ + "vpnc.argv"))[1], "3");
-
-    // Nobody on the com port: nothing is started.
-    std::filesystem::remove(tmp_ + "vpnc.argv");
-    std::uint16_t closed;
-    {
-        Listener gone;
-        closed = gone.port();
-    }
-    const PidResult refused = vpnc(conf, closed);
-    ASSERT_TRUE(refused.error);
-    EXPECT_EQ(refused.error->code, 68);
-    EXPECT_EQ(refused.pid, -1);
-    ::usleep(100000);
-    EXPECT_FALSE(std::filesystem::exists(tmp_ + "vpnc.argv"));
-}
-
-TEST_F(BackendRequestTest, OpenConnectArgumentsAndTheBackgroundOption) {
-    const std::string keep = "user=me\n# background\nprotocol=anyconnect\n";
-    const std::string conf = config("corp.conf", keep);
-    const PidResult noScript = openConnect(conf, 1);
-    ASSERT_TRUE(noScript.error);
-    EXPECT_EQ(messageOf(noScript.error), "openconnect script file not found at " + tmp_ + "corp-openconnect-script.sh");
-
+TEST_F(BackendRequestTest, OpenConnectRewriteKeepsTheConfigurationPrivate) {
+    const std::string conf = config("corp.conf", "user=me\n--Background\nprotocol=anyconnect\n");
+    ::chmod(conf.c_str(), 0600);
     const std::string scriptPath = script("corp-openconnect-script.sh");
-    const auto before = std::filesystem::last_write_time(conf);
     Listener listener;
-    const PidResult started = openConnect(conf, listener.port());
+    const PidResult started = openConnect(conf, listener.port(), std::string("vpn.example.test:10.1.2.3"));
     ASSERT_EQ(started.error, std::nullopt) << messageOf(started.error);
-    EXPECT_GT(started.pid, 0);
     EXPECT_EQ(listener.readConnection(), "openconnect says hello\n");
+    EXPECT_EQ(fileText(conf), "user=me\nprotocol=anyconnect\n");
+    EXPECT_EQ(modeOf(conf), 0600u);  // it may hold secrets
+    EXPECT_EQ(modeOf(scriptPath), 0755u);
     EXPECT_EQ(lines(awaitFile(tmp_ + "openconnect.argv")),
               (std::vector<std::string>{"--config=" + conf, "--cookie=COOKIE", "--script=\"" + scriptPath + "\"",
-                                        "--servercert=sha256:abc", "--os=mac-intel", "vpn.example.test"}));
-    // No background line: the file is left alone and nothing is logged.
-    EXPECT_EQ(fileText(conf), keep);
-    EXPECT_EQ(std::filesystem::last_write_time(conf), before);
-    EXPECT_FALSE(logged("Removed daemonizing background option from OpenConnect configuration at path '" + conf + "'."));
-
-    ::chmod(conf.c_str(), 0600);
-    std::ofstream(conf, std::ios::trunc) << "user=me\n--Background\nprotocol=anyconnect\n";
-    tool_->setVPNDebugLoggingEnabled(true);
-    std::filesystem::remove(tmp_ + "openconnect.argv");
-    Listener second;
-    ASSERT_EQ(openConnect(conf, second.port(), std::string("vpn.example.test:10.1.2.3")).error, std::nullopt);
-    second.readConnection();
-    EXPECT_EQ(fileText(conf), "user=me\nprotocol=anyconnect\n");
-    EXPECT_EQ(modeOf(conf), 0600u);  // secrets stay private after the rewrite
-    EXPECT_TRUE(logged("Removed daemonizing background option from OpenConnect configuration at path '" + conf + "'."));
-    EXPECT_TRUE(logged("OpenConnect VPN debug logging is enabled."));
-    const auto args = lines(awaitFile(tmp_ + "openconnect.argv"));
-    ASSERT_EQ(args.size(), 9u);
-    EXPECT_EQ(args[5], "--resolve=vpn.example.test:10.1.2.3");
-    EXPECT_EQ(args[6], "-v");
-    EXPECT_EQ(args[7], "-v");
-    EXPECT_EQ(args[8], "vpn.example.test");
-}
-
-TEST_F(BackendRequestTest, OpenConnectConfigurationThatCannotBeRead) {
-    script("bad-openconnect-script.sh");
-    const PidResult missing = openConnect(dir_ + "/bad.conf", 1);
-    ASSERT_TRUE(missing.error);
-    EXPECT_EQ(missing.error->domain, "NSCocoaErrorDomain");
-    EXPECT_EQ(missing.error->code, 260);
-    EXPECT_EQ(missing.pid, -1);
-
-    config("bad.conf", "user=\xff\n");
-    const PidResult notText = openConnect(dir_ + "/bad.conf", 1);
-    ASSERT_TRUE(notText.error);
-    EXPECT_EQ(notText.error->code, 261);
-}
-
-TEST_F(BackendRequestTest, NilArgumentsAreRefusedWithoutStartingAnything) {
-    const PidResult v = vpnc(std::nullopt, 1);
-    ASSERT_TRUE(v.error);
-    EXPECT_EQ(v.error->code, 62);
-    const PidResult o = openConnect(std::nullopt, 1, std::nullopt);
-    ASSERT_TRUE(o.error);
-    EXPECT_EQ(o.error->code, 62);
-    tool_->setKorvoBundlePath(std::nullopt);
-    const MaybeError noBundle = openVPN(std::nullopt);
-    ASSERT_TRUE(noBundle);
-    EXPECT_EQ(noBundle->domain, "NSCocoaErrorDomain");
-    EXPECT_FALSE(std::filesystem::exists(tmp_ + "openvpn.argv"));
+                                        "--servercert=sha256:abc", "--os=mac-intel",
+                                        "--resolve=vpn.example.test:10.1.2.3", "vpn.example.test"}));
 }
 
 }  // namespace

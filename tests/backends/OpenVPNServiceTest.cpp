@@ -165,19 +165,5 @@ TEST_F(OpenVPNServiceTest, ConfigurationErrorsComeBackWithOpenVPNsOwnWords) {
     EXPECT_TRUE(zombieChildrenOf(helper_.helperPid()).empty());
 }
 
-TEST_F(OpenVPNServiceTest, ProgramsWithoutAValidSignatureAreNeverStarted) {
-    const std::string config = clientConfig();
-    for (const std::string bundle :
-         {KORVO_TEST_BUNDLE_UNSIGNED_PATH, KORVO_TEST_BUNDLE_ADHOC_PATH, KORVO_TEST_BUNDLE_MODIFIED_PATH}) {
-        helper_.call("setKorvoBundlePath", {{"path", bundle}});
-        const Dictionary reply =
-            helper_.call("connectOpenVPNWithConfig", {{"config", config}, {"managementPort", kManagementPort}});
-        EXPECT_EQ(errorCodeOf(reply), 69) << bundle;
-        EXPECT_EQ(errorMessageOf(reply),
-                  "Cannot verify signature of executable at path " + bundle + "/Contents/MacOS/openvpn");
-        EXPECT_TRUE(processesRunningFrom(bundle).empty());
-    }
-}
-
 }  // namespace
 }  // namespace korvo::test
