@@ -1,12 +1,14 @@
 #include "core/HelperTool.h"
 #include "core/WorkspaceLookup.h"
 #include "platform/ServiceListener.h"
+#include "platform/TunnelInterfaceConfigurator.h"
 
 namespace korvo {
 
 HelperServices HelperServices::production() {
     HelperServices services;
     services.codeSigning = platform::makeSystemCodeSigning();
+    services.tunnelInterfaces = platform::makeSystemTunnelInterfaceConfigurator();
     services.makeListener = [](std::string_view serviceName, platform::ServiceListenerDelegate& delegate) {
         return platform::makeServiceListener(serviceName, delegate);
     };
