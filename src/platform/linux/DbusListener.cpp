@@ -26,6 +26,7 @@ constexpr const char* kErrorAccessDenied = "org.freedesktop.DBus.Error.AccessDen
 constexpr const char* kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr const char* kErrorLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* kErrorFailed = "org.freedesktop.DBus.Error.Failed";
+constexpr const char* kAccessDeniedMessage = "This client is not allowed to use the Korvo helper.";
 constexpr std::uint32_t kNameFlagDoNotQueue = 4;
 constexpr std::uint32_t kNameReplyPrimaryOwner = 1;
 constexpr std::uint32_t kNameReplyAlreadyOwner = 4;
@@ -70,11 +71,13 @@ struct DbusListener::Client {
     Client(std::string n, std::shared_ptr<WorkerPool> pool)
         : name(std::move(n)), queue("com.tallowmar.korvo.utility.client" + name, std::move(pool)) {}
 
+    enum Decision { Undecided, Accepted, Refused };
+
     const std::string name;
     SerialQueue queue;
     std::atomic<std::size_t> waiting{0};
-    // Touched only on the queue.
-    std::optional<bool> accepted;
+    // Made once, on the queue; read by the bus thread too.
+    std::atomic<Decision> decision{Undecided};
 };
 
 // Sends at most one reply; one that is never sent is answered with an error
@@ -301,6 +304,12 @@ void DbusListener::receive(const OperationSpec& operation, sdbus::MethodCall mes
         if (!slot) slot = std::make_shared<Client>(name, pool_);
         client = slot;
     }
+    // A refused client's further requests are answered at once, so that they
+    // cannot pile up behind each other.
+    if (client->decision == Client::Refused) {
+        sendError(*call, kErrorAccessDenied, kAccessDeniedMessage);
+        return;
+    }
     if (client->waiting >= limits_.maximumQueuedPerClient) {
         sendError(*call, kErrorLimitsExceeded, "Too many requests of this client are waiting; try again later.");
         return;
@@ -324,9 +333,11 @@ void DbusListener::requestFinished() {
 
 void DbusListener::serve(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call) {
     if (invalidated_) return;
-    if (!client.accepted) client.accepted = decideAcceptance(client);
-    if (!*client.accepted) {
-        sendError(*call, kErrorAccessDenied, "This client is not allowed to use the Korvo helper.");
+    if (client.decision == Client::Undecided) {
+        client.decision = decideAcceptance(client) ? Client::Accepted : Client::Refused;
+    }
+    if (client.decision == Client::Refused) {
+        sendError(*call, kErrorAccessDenied, kAccessDeniedMessage);
         return;
     }
 
