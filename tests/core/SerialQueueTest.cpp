@@ -47,14 +47,16 @@ TEST(SerialQueueTest, DifferentQueuesRunConcurrently) {
     std::promise<void> release;
     auto released = release.get_future().share();
     slow.async([released] { released.wait(); });
-    for (int i = 0; i < 1000; ++i) slow.async([] {});
+    std::atomic<int> slowItems{0};
+    for (int i = 0; i < 1000; ++i) slow.async([&] { ++slowItems; });
+    EXPECT_GE(slow.pendingCount(), 1000u);
 
     std::promise<void> quickRan;
     quick.async([&] { quickRan.set_value(); });
     EXPECT_EQ(quickRan.get_future().wait_for(2s), std::future_status::ready);
     release.set_value();
     slow.sync([] {});
-    EXPECT_EQ(slow.pendingCount(), 0u);
+    EXPECT_EQ(slowItems, 1000);
 }
 
 TEST(SerialQueueTest, SyncFromItsOwnItemRunsInlineAndDestructorWaits) {
