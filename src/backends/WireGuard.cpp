@@ -62,28 +62,28 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
     logMessage(LOG_NOTICE,
                "connectWireGuardWithConfig: korvoBundle: %s, configPath: %s, userspaceExecutableName: %s, "
                "controlExecutableName: %s",
-               bundle ? bundle->bundlePath().c_str() : "(null)", describe(configPath),
-               userspaceExecutableName.c_str(), controlExecutableName.c_str());
+               bundle ? bundle->bundlePath().c_str() : "(null)", describe(configPath), userspaceExecutableName.c_str(),
+               controlExecutableName.c_str());
 
     const auto fail = [&reply](const KorvoError& error) { reply(error, -1); };
     const char* display = displayName.c_str();
 
     if (!configPath || !fileExists(*configPath)) {
-        return fail(errorWithKorvoErrorCode(kMissingFileCode,
-                                            formatString("WireGuard config file not found at %s", describe(configPath))));
+        return fail(errorWithKorvoErrorCode(
+            kMissingFileCode, formatString("WireGuard config file not found at %s", describe(configPath))));
     }
 
     const auto userspacePath = bundle ? bundle->pathForAuxiliaryExecutable(userspaceExecutableName) : std::nullopt;
     if (!userspacePath) {
-        return fail(errorWithKorvoErrorCode(kMissingFileCode,
-                                            formatString("%s launcher executable '%s' not found in app bundle.",
-                                                         display, userspaceExecutableName.c_str())));
+        return fail(errorWithKorvoErrorCode(
+            kMissingFileCode, formatString("%s launcher executable '%s' not found in app bundle.", display,
+                                           userspaceExecutableName.c_str())));
     }
     const auto controlPath = bundle ? bundle->pathForAuxiliaryExecutable(controlExecutableName) : std::nullopt;
     if (!controlPath) {
         return fail(errorWithKorvoErrorCode(kMissingFileCode,
-                                            formatString("%s control executable '%s' not found in app bundle.",
-                                                         display, controlExecutableName.c_str())));
+                                            formatString("%s control executable '%s' not found in app bundle.", display,
+                                                         controlExecutableName.c_str())));
     }
     for (const std::string* path : {&*userspacePath, &*controlPath}) {
         if (auto error = setPosixPermissions(*path, kExecutableMode)) return fail(*error);
@@ -124,8 +124,8 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
     }
 
     const std::string runtimePath = wireGuardRuntimeConfigurationPath(tmpDirPath());
-    if (auto writeError = writeFileAtomically(runtimePath, wireGuardRuntimeConfiguration(*config),
-                                              kRuntimeConfigurationMode)) {
+    if (auto writeError =
+            writeFileAtomically(runtimePath, wireGuardRuntimeConfiguration(*config), kRuntimeConfigurationMode)) {
         return finish(writeError);
     }
     MaybeError setconfError;

@@ -25,8 +25,8 @@ namespace {
 constexpr std::string_view kInterfaceNameMarker = "KorvoInterfaceName";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-constexpr std::array<std::string_view, 12> kInterfaceKeys = {
-    "privatekey", "listenport", "fwmark", "jc", "jmin", "jmax", "s1", "s2", "h1", "h2", "h3", "h4"};
+constexpr std::array<std::string_view, 12> kInterfaceKeys = {"privatekey", "listenport", "fwmark", "jc", "jmin", "jmax",
+                                                             "s1",         "s2",         "h1",     "h2", "h3",   "h4"};
 constexpr std::array<std::string_view, 5> kPeerKeys = {"publickey", "presharedkey", "endpoint", "allowedips",
                                                        "persistentkeepalive"};
 

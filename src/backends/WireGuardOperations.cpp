@@ -13,10 +13,9 @@ OperationSpec connectOperation(std::string name, ConnectMethod method) {
         {{"config", ArgumentType::String}, {"comPort", ArgumentType::UInt64}},
         ReplyShape::Pid,
         [method](KorvoHelperTool& tool, const Dictionary& arguments, ReplySender reply) {
-            (tool.*method)(stringArgument(arguments, "config"), unsignedArgument(arguments, "comPort"),
-                           [reply = std::move(reply)](const MaybeError& error, std::int32_t pid) {
-                               reply(pidReply(error, pid));
-                           });
+            (tool.*method)(
+                stringArgument(arguments, "config"), unsignedArgument(arguments, "comPort"),
+                [reply = std::move(reply)](const MaybeError& error, std::int32_t pid) { reply(pidReply(error, pid)); });
         },
     };
 }

@@ -50,6 +50,8 @@ long integerValue(std::string_view text) {
     return value;
 }
 
+// The service object's interface service; the platform's own when it was
+// made without one.
 std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces(KorvoHelperTool& tool) {
     if (const auto& configured = tool.services().tunnelInterfaces) return configured;
     return platform::makeSystemTunnelInterfaceConfigurator();
@@ -70,10 +72,10 @@ MaybeError wireGuardWaitForControlSocket(const std::string& interfaceName, const
         // reported as a time-out.
         if (std::chrono::steady_clock::now() >= deadline) {
             return errorWithKorvoErrorCode(
-                kHelperProblemCode,
-                wireGuardBackendErrorMessage(formatString("%s userspace backend did not create its control socket at %s.",
-                                                          displayName.c_str(), socketPath.c_str()),
-                                             output));
+                kHelperProblemCode, wireGuardBackendErrorMessage(
+                                        formatString("%s userspace backend did not create its control socket at %s.",
+                                                     displayName.c_str(), socketPath.c_str()),
+                                        output));
         }
         if (!processExists(pid)) {
             return errorWithKorvoErrorCode(

@@ -41,58 +41,24 @@ public:
 };
 
 TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
-    const std::string config =
-        "# KorvoInterfaceName = utun7\n"
-        "[Interface]\n"
-        "PrivateKey = cHJpdmF0ZQ==\n"
-        "Address = 10.0.0.2/24, fd00::2\n"
-        "DNS = 10.0.0.1\n"
-        "MTU = 1420\n"
-        "listenport=51820\n"
-        "FwMark = 0x1234\n"
-        "Jc = 4\n"
-        "Jmin = 40\n"
-        "Jmax = 70\n"
-        "S1 = 0\n"
-        "S2 = 0\n"
-        "H1 = 1\n"
-        "H2 = 2\n"
-        "H3 = 3\n"
-        "H4 = 4\n"
-        "PostUp = iptables -A FORWARD\n"
-        "PublicKey = not-here\n"
-        "\n"
-        "[Peer]\n"
-        "PublicKey = cHVibGlj\n"
-        "PresharedKey = cHNr\n"
-        "AllowedIPs = 0.0.0.0/0, ::/0\n"
-        "Endpoint = 192.0.2.9:51820\n"
-        "PersistentKeepalive = 25\n"
-        "PrivateKey = not-here-either\n"
-        "ListenPort = 1\n";
-    EXPECT_EQ(wireGuardRuntimeConfiguration(config),
-              "[Interface]\n"
-              "PrivateKey = cHJpdmF0ZQ==\n"
-              "listenport=51820\n"
-              "FwMark = 0x1234\n"
-              "Jc = 4\n"
-              "Jmin = 40\n"
-              "Jmax = 70\n"
-              "S1 = 0\n"
-              "S2 = 0\n"
-              "H1 = 1\n"
-              "H2 = 2\n"
-              "H3 = 3\n"
-              "H4 = 4\n"
-              "\n"
-              "[Peer]\n"
-              "PublicKey = cHVibGlj\n"
-              "PresharedKey = cHNr\n"
-              "AllowedIPs = 0.0.0.0/0, ::/0\n"
-              "Endpoint = 192.0.2.9:51820\n"
-              "PersistentKeepalive = 25\n"
-              // The text's final line break ends an empty last line.
-              "\n");
+    // Every key setconf takes, in any case, in its own section; keys of the
+    // other section and those only the client uses are dropped.
+    std::string config =
+        "# KorvoInterfaceName = utun7\n[Interface]\nAddress = 10.0.0.2/24\nDNS = 10.0.0.1\nMTU = 1420\n";
+    std::string expected = "[Interface]\n";
+    for (const char* key :
+         {"PrivateKey", "listenport", "FwMark", "Jc", "Jmin", "Jmax", "S1", "S2", "H1", "H2", "H3", "H4"}) {
+        config += std::string(key) + " = 1\n";
+        expected += std::string(key) + " = 1\n";
+    }
+    config += "PostUp = iptables -A FORWARD\nPublicKey = not-here\n\n[Peer]\nPrivateKey = no\nListenPort = 1\n";
+    expected += "\n[Peer]\n";
+    for (const char* key : {"PublicKey", "presharedkey", "AllowedIPs", "PERSISTENTKEEPALIVE"}) {
+        config += std::string(key) + " = 1\n";
+        expected += std::string(key) + " = 1\n";
+    }
+    // The text's final line break ends an empty last line.
+    EXPECT_EQ(wireGuardRuntimeConfiguration(config), expected + "\n");
 }
 
 TEST(WireGuardRuntimeConfigurationTest, SectionsDecideWhichLinesSurvive) {
@@ -114,16 +80,14 @@ TEST(WireGuardRuntimeConfigurationTest, SectionsDecideWhichLinesSurvive) {
 
     // A line that opens a bracket without closing it is a key line, and
     // key lines need an "=".
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n[Interface\nPublicKey\nPublicKey = p"),
-              "[Peer]\nPublicKey = p\n");
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n[Interface\nPublicKey\nPublicKey = p"), "[Peer]\nPublicKey = p\n");
 
     // Keys are compared without their blanks and in lower case; the line
     // itself is kept as written, trimmed and without control characters.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\n   PRIVATEKEY\t =  k  "),
-              "[Interface]\nPRIVATEKEY =  k\n");
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\n   PRIVATEKEY\t =  k  "), "[Interface]\nPRIVATEKEY =  k\n");
 }
 
-TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesAndByteOrderMark) {
+TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesControlCharactersAndByteOrderMark) {
     EXPECT_EQ(wireGuardRuntimeConfiguration("\xEF\xBB\xBF[Interface]\n"
                                             "\n\n"
                                             "# a comment\n"
@@ -148,13 +112,12 @@ TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesAndByteOrderMark) {
     EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n"),
               "[Interface]\n\nPrivateKey = k\n\n");
 
+    // Control characters inside a line are removed.
+    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nPrivateKey = a\tb\x01"
+                                            "c"),
+              "[Interface]\nPrivateKey = abc\n");
     EXPECT_EQ(wireGuardRuntimeConfiguration(""), "");
     EXPECT_EQ(wireGuardRuntimeConfiguration("# only a comment\n"), "");
-}
-
-TEST(WireGuardRuntimeConfigurationTest, ControlCharactersInsideALineAreRemoved) {
-    EXPECT_EQ(wireGuardRuntimeConfiguration(std::string("[Interface]\nPrivateKey = a\tb\x01" "c")),
-              "[Interface]\nPrivateKey = abc\n");
 }
 
 TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {
@@ -176,11 +139,14 @@ TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts
     EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nEndpoint = localhost:1"), "[Interface]\n");
 }
 
-TEST(WireGuardIPv4EndpointTest, LeavesWhatItCannotOrNeedNotResolve) {
+TEST(WireGuardIPv4EndpointTest, ResolvesNamesAndLeavesEverythingElse) {
+    EXPECT_EQ(wireGuardIPv4Endpoint("  localhost:1  "), "127.0.0.1:1");
+    // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
+    EXPECT_EQ(wireGuardIPv4Endpoint("127.1:7"), "127.0.0.1:7");
+
     LogCapture log;
-    for (const std::string value :
-         {"", "192.0.2.9:51820", "[2001:db8::1]:51820", "[fe80::1%eth0]:1", "fd00::1:51820", "localhost",
-          ":51820", "localhost:", " 192.0.2.9:51820 "}) {
+    for (const std::string value : {"", "192.0.2.9:51820", "[2001:db8::1]:51820", "[fe80::1%eth0]:1", "fd00::1:51820",
+                                    "localhost", ":51820", "localhost:", " 192.0.2.9:51820 "}) {
         EXPECT_EQ(wireGuardIPv4Endpoint(value), value) << value;
     }
     EXPECT_THAT(log.lines, IsEmpty());
@@ -190,13 +156,6 @@ TEST(WireGuardIPv4EndpointTest, LeavesWhatItCannotOrNeedNotResolve) {
     ASSERT_EQ(log.lines.size(), 1u);
     EXPECT_THAT(log.lines[0], HasSubstr("Could not resolve WireGuard endpoint host 'localhost' to an IPv4 address "
                                         "for runtime configuration: "));
-}
-
-TEST(WireGuardIPv4EndpointTest, ResolvesNamesToTheirFirstIPv4Address) {
-    EXPECT_EQ(wireGuardIPv4Endpoint("localhost:51820"), "127.0.0.1:51820");
-    EXPECT_EQ(wireGuardIPv4Endpoint("  localhost:1  "), "127.0.0.1:1");
-    // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
-    EXPECT_EQ(wireGuardIPv4Endpoint("127.1:7"), "127.0.0.1:7");
 }
 
 TEST(WireGuardInterfaceNameTest, FirstNonEmptyMarkerLineWins) {
@@ -230,10 +189,7 @@ TEST(WireGuardAddressesTest, EveryAddressLineInFileOrder) {
     EXPECT_THAT(wireGuardAddressesFromConfig("[Interface]\nPrivateKey = k\n"), IsEmpty());
 }
 
-TEST(WireGuardPathsTest, SocketAndRuntimeFileNames) {
-    EXPECT_EQ(wireGuardControlSocketPath("utun7", "/var/run/wireguard"), "/var/run/wireguard/utun7.sock");
-    EXPECT_EQ(wireGuardControlSocketPath("awg0", "/var/run/amneziawg/"), "/var/run/amneziawg/awg0.sock");
-
+TEST(WireGuardRuntimeFileTest, FreshUpperCaseUUIDNamesInTheTemporaryDirectory) {
     std::set<std::string> seen;
     for (int i = 0; i < 200; ++i) {
         const std::string path = wireGuardRuntimeConfigurationPath(i % 2 ? "/tmp/dir" : "/tmp/dir/");
@@ -246,14 +202,10 @@ TEST(WireGuardPathsTest, SocketAndRuntimeFileNames) {
 }
 
 TEST(NetmaskTest, PrefixLengthsToDottedMasks) {
-    EXPECT_EQ(netmaskStringForPrefixLength(0), "0.0.0.0");
-    EXPECT_EQ(netmaskStringForPrefixLength(1), "128.0.0.0");
-    EXPECT_EQ(netmaskStringForPrefixLength(9), "255.128.0.0");
-    EXPECT_EQ(netmaskStringForPrefixLength(24), "255.255.255.0");
-    EXPECT_EQ(netmaskStringForPrefixLength(31), "255.255.255.254");
-    EXPECT_EQ(netmaskStringForPrefixLength(32), "255.255.255.255");
-    EXPECT_EQ(netmaskStringForPrefixLength(33), std::nullopt);
-    EXPECT_EQ(netmaskStringForPrefixLength(-1), std::nullopt);
+    const std::vector<std::pair<long, std::optional<std::string>>> masks = {
+        {0, "0.0.0.0"},          {1, "128.0.0.0"},        {9, "255.128.0.0"}, {24, "255.255.255.0"},
+        {31, "255.255.255.254"}, {32, "255.255.255.255"}, {33, std::nullopt}, {-1, std::nullopt}};
+    for (const auto& [prefix, mask] : masks) EXPECT_EQ(netmaskStringForPrefixLength(prefix), mask) << prefix;
 }
 
 }  // namespace

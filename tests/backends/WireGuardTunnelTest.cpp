@@ -38,9 +38,7 @@ public:
 
 std::string descriptionOf(const MaybeError& error) { return error ? error->localizedDescription().value_or("") : ""; }
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // A child that has already exited and been reaped.
 pid_t exitedProcess() {
@@ -148,10 +146,10 @@ protected:
 };
 
 TEST_F(WireGuardAddressTest, IPv4AddressesAreHostAddressesOnThePointToPointLink) {
-    EXPECT_THAT(configure({"10.0.0.2/24", "10.0.0.3", " 10.0.0.4 /0", "10.0.0.5/99"}),
-                ElementsAre("inet utun7 10.0.0.2 10.0.0.2 255.255.255.255", "inet utun7 10.0.0.3 10.0.0.3 255.255.255.255",
-                            "inet utun7 10.0.0.4 10.0.0.4 255.255.255.255",
-                            "inet utun7 10.0.0.5 10.0.0.5 255.255.255.255"));
+    EXPECT_THAT(
+        configure({"10.0.0.2/24", "10.0.0.3", " 10.0.0.4 /0", "10.0.0.5/99"}),
+        ElementsAre("inet utun7 10.0.0.2 10.0.0.2 255.255.255.255", "inet utun7 10.0.0.3 10.0.0.3 255.255.255.255",
+                    "inet utun7 10.0.0.4 10.0.0.4 255.255.255.255", "inet utun7 10.0.0.5 10.0.0.5 255.255.255.255"));
 }
 
 TEST_F(WireGuardAddressTest, IPv6AddressesKeepTheirPrefixWithinRange) {

@@ -55,10 +55,12 @@ TEST_F(TunnelInterfaceTest, FailuresAreCode68WithTheReason) {
     error = interfaces->addIPv4Address(tool, "knosuch0", "10.1.0.2", "10.1.0.2", "255.255.255.255");
     EXPECT_THAT(descriptionOf(error), EndsWith("Could not add address 10.1.0.2 to interface knosuch0: No such device"));
     error = interfaces->addIPv6Address(tool, "knosuch0", "fd00::2", 64);
-    EXPECT_THAT(descriptionOf(error), EndsWith("Could not add address fd00::2/64 to interface knosuch0: No such device"));
+    EXPECT_THAT(descriptionOf(error),
+                EndsWith("Could not add address fd00::2/64 to interface knosuch0: No such device"));
 
     error = interfaces->addIPv4Address(tool, "ktun0", "10.1.0.300", "10.1.0.300", "255.255.255.255");
-    EXPECT_THAT(descriptionOf(error), EndsWith("Could not add address 10.1.0.300 to interface ktun0: Invalid argument"));
+    EXPECT_THAT(descriptionOf(error),
+                EndsWith("Could not add address 10.1.0.300 to interface ktun0: Invalid argument"));
     error = interfaces->addIPv4Address(tool, "ktun0", "10.1.0.2", "10.1.0.2", "255.0.255.0");
     EXPECT_THAT(descriptionOf(error), HasSubstr("Invalid argument"));
     error = interfaces->addIPv6Address(tool, "ktun0", "10.1.0.2", 64);

@@ -1,7 +1,7 @@
 // The network around a WireGuard tunnel under test, built inside the test's
 // own namespaces (tests/support/isolated): a peer network namespace joined to
-// the test's by a veth pair, a wireguard-go peer in it, a private /etc/hosts,
-// and checks on the processes of the namespace.
+// the test's by a veth pair with a wireguard-go peer in it, bind mounts, and
+// checks on the processes of the PID namespace.
 #pragma once
 
 #include <sys/types.h>
@@ -18,6 +18,10 @@ class ChildProcess;
 
 namespace korvo::test {
 
+// Our end of the veth pair is 192.168.77.1/24, the peer's 192.168.77.2/24;
+// inside the tunnel the peer is 10.77.0.1 and we are 10.77.0.2.
+inline constexpr const char* kPeerAddress = "192.168.77.2";
+
 struct ShellResult {
     int exitStatus = -1;
     std::string output;  // standard output and standard error together
@@ -26,96 +30,59 @@ struct ShellResult {
 // Runs a command line with /bin/sh and collects its output.
 ShellResult shell(const std::string& command);
 
-// True when this process runs in the namespaces tests/support/isolated made;
-// nothing here may touch the machine's own network or files otherwise.
+// True inside tests/support/isolated; nothing here may touch the machine's
+// own network or files otherwise.
 bool runningIsolated();
 
-// A fresh WireGuard key pair made with wg.
 struct KeyPair {
     std::string privateKey;
     std::string publicKey;
 };
 KeyPair generateKeyPair();
 
-// Replaces /etc/hosts, in this mount namespace only, by a file holding lines.
-// Undone when the object goes.
-class PrivateHosts {
+// `source` mounted over `target` (a directory target is created first), in
+// this mount namespace only, until the object goes.
+class BindMount {
 public:
-    PrivateHosts(const std::string& directory, const std::string& lines);
-    ~PrivateHosts();
-    PrivateHosts(const PrivateHosts&) = delete;
-    PrivateHosts& operator=(const PrivateHosts&) = delete;
+    BindMount(const std::string& source, const std::string& target);
+    ~BindMount();
+    BindMount(const BindMount&) = delete;
+    BindMount& operator=(const BindMount&) = delete;
     bool ok() const { return mounted_; }
 
 private:
+    std::string target_;
     bool mounted_ = false;
 };
 
-// Makes `mountPoint` show the contents of `source` (both created when
-// missing), in this mount namespace only. Undone when the object goes.
-class DirectoryAlias {
-public:
-    DirectoryAlias(const std::string& source, const std::string& mountPoint);
-    ~DirectoryAlias();
-    DirectoryAlias(const DirectoryAlias&) = delete;
-    DirectoryAlias& operator=(const DirectoryAlias&) = delete;
-    bool ok() const { return mounted_; }
-
-private:
-    std::string mountPoint_;
-    bool mounted_ = false;
-};
-
-// A network namespace joined to the test's by a veth pair
-// (localAddress/24 here, peerAddress/24 there), with a wireguard-go peer.
+// The peer's network namespace, removed with the object.
 class PeerNamespace {
 public:
-    struct Options {
-        std::string name = "korvo-peer";
-        std::string localVeth = "kveth0";
-        std::string peerVeth = "kveth1";
-        std::string localAddress = "192.168.77.1";
-        std::string peerAddress = "192.168.77.2";
-    };
-    explicit PeerNamespace(Options options);
-    PeerNamespace() : PeerNamespace(Options{}) {}
+    PeerNamespace() = default;
     ~PeerNamespace();
     PeerNamespace(const PeerNamespace&) = delete;
     PeerNamespace& operator=(const PeerNamespace&) = delete;
 
-    // Empty on success, else what failed.
+    // Each returns an empty string on success, else what failed.
     std::string create();
-
-    // Starts wireguard-go as interface `interfaceName` in the namespace, with
-    // the private key, listening on `listenPort`, accepting the helper's
-    // public key from `allowedIPs`, with tunnel address `tunnelAddress`/32
-    // and a route to `routeTo` through the tunnel. Empty on success.
+    // wireguard-go as `interfaceName`, listening on `listenPort`, accepting
+    // the helper's key from 10.77.0.2/32, with a route back to it.
     std::string startWireGuard(const std::string& interfaceName, const KeyPair& keys, int listenPort,
-                               const std::string& helperPublicKey, const std::string& allowedIPs,
-                               const std::string& tunnelAddress, const std::string& routeTo,
-                               const std::string& workDirectory);
+                               const std::string& helperPublicKey, const std::string& workDirectory);
 
-    // Runs a command inside the namespace.
     ShellResult exec(const std::string& command) const;
 
-    pid_t wireGuardPid() const;
-    const Options& options() const { return options_; }
-
 private:
-    Options options_;
     bool created_ = false;
     std::shared_ptr<ChildProcess> wireGuard_;
 };
 
-// Process identifiers of the processes whose command name is `name`.
+// Processes of this PID namespace whose command name is `name`, and zombies.
 std::vector<pid_t> processesNamed(const std::string& name);
-// Process identifiers of zombies in this PID namespace.
 std::vector<pid_t> zombieProcesses();
-// Waits until the condition holds; false when it still does not after timeout.
+
+// Polls until the condition holds; false when it still does not after timeout.
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::milliseconds(3000));
-
-// Waits until a file exists; false after timeout.
-bool waitForFile(const std::string& path, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
 
 }  // namespace korvo::test

@@ -97,8 +97,8 @@ public:
 
     MaybeError addIPv4Address(KorvoHelperTool&, const std::string& interfaceName, const std::string& localAddress,
                               const std::string& destinationAddress, const std::string& netmask) override {
-        const std::string failure = formatString("Could not add address %s to interface %s", localAddress.c_str(),
-                                                 interfaceName.c_str());
+        const std::string failure =
+            formatString("Could not add address %s to interface %s", localAddress.c_str(), interfaceName.c_str());
         in_addr local{};
         in_addr peer{};
         const auto prefixLength = prefixLengthOfNetmask(netmask);
@@ -113,8 +113,8 @@ public:
         // ifconfig's trailing "up".
         status = setLinkUp(*target->socket, target->index);
         if (!status.ok()) {
-            return interfaceError(formatString("Could not set interface %s up: %s", interfaceName.c_str(),
-                                               status.describe().c_str()));
+            return interfaceError(
+                formatString("Could not set interface %s up: %s", interfaceName.c_str(), status.describe().c_str()));
         }
         return std::nullopt;
     }
@@ -129,8 +129,8 @@ public:
         }
         auto target = openTarget(interfaceName, failure);
         if (!target) return target.error();
-        const NetlinkStatus status = addAddress(*target->socket, target->index, AF_INET6,
-                                                static_cast<std::uint8_t>(prefixLength), host, host);
+        const NetlinkStatus status =
+            addAddress(*target->socket, target->index, AF_INET6, static_cast<std::uint8_t>(prefixLength), host, host);
         if (!status.ok()) return interfaceError(failure + ": " + status.describe());
         return std::nullopt;
     }
