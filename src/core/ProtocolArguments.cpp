@@ -44,26 +44,26 @@ bool fits(const Value& v, ArgumentType type) {
 }  // namespace
 
 std::optional<std::string> invalidArgumentMessage(const OperationSpec& operation, const Dictionary& arguments) {
-    for (const auto& spec : operation.arguments) {
-        const auto it = arguments.find(spec.key);
-        if (it == arguments.end() || fits(it->second, spec.type)) continue;
-        return "Argument '" + spec.key + "' of " + operation.name + " must be a " +
-               argumentTypeDescription(spec.type) + ".";
+    for (const auto& argument : operation.arguments) {
+        const auto it = arguments.find(argument.key);
+        if (it == arguments.end() || fits(it->second, argument.type)) continue;
+        return "Argument '" + argument.key + "' of " + operation.name + " must be a " +
+               argumentTypeDescription(argument.type) + ".";
     }
     return std::nullopt;
 }
 
 Dictionary declaredArguments(const OperationSpec& operation, const Dictionary& arguments) {
     Dictionary out;
-    for (const auto& spec : operation.arguments) {
-        if (auto it = arguments.find(spec.key); it != arguments.end()) out.emplace(spec.key, it->second);
+    for (const auto& argument : operation.arguments) {
+        if (auto it = arguments.find(argument.key); it != arguments.end()) out.emplace(argument.key, it->second);
     }
     return out;
 }
 
 std::map<std::string, ArgumentType> argumentTypes(const OperationSpec& operation) {
     std::map<std::string, ArgumentType> types;
-    for (const auto& spec : operation.arguments) types.emplace(spec.key, spec.type);
+    for (const auto& argument : operation.arguments) types.emplace(argument.key, argument.type);
     return types;
 }
 

@@ -38,18 +38,18 @@ std::vector<std::string> splitList(const std::string& text) {
     return items;
 }
 
-std::optional<std::string> parseValue(const ArgumentSpec& spec, const std::string& text, Dictionary& arguments) {
-    const std::string problem = "'" + spec.key + "' takes a " + argumentTypeDescription(spec.type) + ", not '" + text + "'";
-    switch (spec.type) {
+std::optional<std::string> parseValue(const ArgumentSpec& argument, const std::string& text, Dictionary& arguments) {
+    const std::string problem = "'" + argument.key + "' takes a " + argumentTypeDescription(argument.type) + ", not '" + text + "'";
+    switch (argument.type) {
         case ArgumentType::String:
-            arguments[spec.key] = text;
+            arguments[argument.key] = text;
             return std::nullopt;
         case ArgumentType::Boolean: {
             const std::string word = lowercase(text);
             if (word == "true" || word == "yes" || word == "1") {
-                arguments[spec.key] = true;
+                arguments[argument.key] = true;
             } else if (word == "false" || word == "no" || word == "0") {
-                arguments[spec.key] = false;
+                arguments[argument.key] = false;
             } else {
                 return problem;
             }
@@ -58,22 +58,22 @@ std::optional<std::string> parseValue(const ArgumentSpec& spec, const std::strin
         case ArgumentType::Int32:
         case ArgumentType::Int64:
         case ArgumentType::UInt64: {
-            const std::int64_t minimum = spec.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::min()
-                                         : spec.type == ArgumentType::Int64 ? std::numeric_limits<std::int64_t>::min()
+            const std::int64_t minimum = argument.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::min()
+                                         : argument.type == ArgumentType::Int64 ? std::numeric_limits<std::int64_t>::min()
                                                                             : 0;
-            const std::int64_t maximum = spec.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::max()
+            const std::int64_t maximum = argument.type == ArgumentType::Int32 ? std::numeric_limits<std::int32_t>::max()
                                                                           : std::numeric_limits<std::int64_t>::max();
             const auto value = parseInteger(text, minimum, maximum);
             if (!value) return problem;
-            arguments[spec.key] = *value;
+            arguments[argument.key] = *value;
             return std::nullopt;
         }
         case ArgumentType::StringArray:
         case ArgumentType::Int64Array: {
-            const auto existing = arguments.find(spec.key);
+            const auto existing = arguments.find(argument.key);
             Array items = existing != arguments.end() && existing->second.isArray() ? *existing->second.asArray() : Array{};
             for (const auto& item : splitList(text)) {
-                if (spec.type == ArgumentType::StringArray) {
+                if (argument.type == ArgumentType::StringArray) {
                     items.emplace_back(item);
                     continue;
                 }
@@ -82,12 +82,12 @@ std::optional<std::string> parseValue(const ArgumentSpec& spec, const std::strin
                 if (!value) return problem;
                 items.emplace_back(static_cast<long long>(*value));
             }
-            arguments.insert_or_assign(spec.key, Value(std::move(items)));
+            arguments.insert_or_assign(argument.key, Value(std::move(items)));
             return std::nullopt;
         }
         case ArgumentType::Any: {
             if (text.empty() || text.front() != '@') {
-                arguments[spec.key] = text;
+                arguments[argument.key] = text;
                 return std::nullopt;
             }
             const std::string path = text.substr(1);
@@ -95,7 +95,7 @@ std::optional<std::string> parseValue(const ArgumentSpec& spec, const std::strin
             if (!bytes) return "cannot read " + path + ": " + bytes.error().displayText();
             auto value = readPropertyList(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
             if (!value) return path + " is not a property list";
-            arguments[spec.key] = std::move(*value);
+            arguments[argument.key] = std::move(*value);
             return std::nullopt;
         }
     }
@@ -124,19 +124,19 @@ std::optional<std::string> parseOperationArguments(const OperationSpec& operatio
         const auto equals = word.find('=');
         if (equals == std::string::npos) return "expected KEY=VALUE, not '" + word + "'";
         const std::string key = word.substr(0, equals);
-        const auto spec = std::find_if(operation.arguments.begin(), operation.arguments.end(),
+        const auto argument = std::find_if(operation.arguments.begin(), operation.arguments.end(),
                                        [&](const ArgumentSpec& s) { return s.key == key; });
-        if (spec == operation.arguments.end()) {
+        if (argument == operation.arguments.end()) {
             return operation.name + " has no argument '" + key + "'; usage: " + operationUsage(operation);
         }
-        if (auto problem = parseValue(*spec, word.substr(equals + 1), arguments)) return problem;
+        if (auto problem = parseValue(*argument, word.substr(equals + 1), arguments)) return problem;
     }
     return std::nullopt;
 }
 
 std::string operationUsage(const OperationSpec& operation) {
     std::string usage = operation.name;
-    for (const auto& spec : operation.arguments) usage += " " + spec.key + "=" + placeholder(spec.type);
+    for (const auto& argument : operation.arguments) usage += " " + argument.key + "=" + placeholder(argument.type);
     return usage;
 }
 

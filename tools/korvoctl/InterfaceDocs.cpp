@@ -22,9 +22,9 @@ std::string replyDescription(ReplyShape shape) {
 std::string keysDescription(const OperationSpec& operation) {
     if (operation.arguments.empty()) return "none";
     std::string out;
-    for (const auto& spec : operation.arguments) {
+    for (const auto& argument : operation.arguments) {
         if (!out.empty()) out += ", ";
-        out += "`" + spec.key + "` (" + platform::dbus::signatureForArgumentType(spec.type) + ")";
+        out += "`" + argument.key + "` (" + platform::dbus::signatureForArgumentType(argument.type) + ")";
     }
     return out;
 }
@@ -89,9 +89,9 @@ std::string introspectionXml(const std::vector<OperationSpec>& operations) {
         xml += "    <method name=\"" + xmlEscape(op.name) + "\">\n";
         xml += "      <arg name=\"arguments\" type=\"a{sv}\" direction=\"in\"/>\n";
         xml += "      <arg name=\"reply\" type=\"a{sv}\" direction=\"out\"/>\n";
-        for (const auto& spec : op.arguments) {
-            xml += "      <annotation name=\"com.tallowmar.korvo.Argument." + xmlEscape(spec.key) + "\" value=\"" +
-                   platform::dbus::signatureForArgumentType(spec.type) + "\"/>\n";
+        for (const auto& argument : op.arguments) {
+            xml += "      <annotation name=\"com.tallowmar.korvo.Argument." + xmlEscape(argument.key) + "\" value=\"" +
+                   platform::dbus::signatureForArgumentType(argument.type) + "\"/>\n";
         }
         for (const auto& [key, type] : replyTypes(op.reply)) {
             xml += "      <annotation name=\"com.tallowmar.korvo.Reply." + xmlEscape(key) + "\" value=\"" +

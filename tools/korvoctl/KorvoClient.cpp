@@ -36,10 +36,10 @@ CallOutcome KorvoClient::call(const std::string& operation, const Dictionary& ar
                               std::chrono::milliseconds timeout, bool expectReply) {
     if (auto error = connect()) return {{}, error};
     const auto names = platform::BusServiceNames::forService(HelperServiceName);
-    const OperationSpec* spec = findOperation(operation);
+    const OperationSpec* operationEntry = findOperation(operation);
     try {
         auto message = proxy_->createMethodCall(names.interfaceName, operation);
-        platform::dbus::writeDictionary(message, arguments, spec ? argumentTypes(*spec) : decltype(argumentTypes(*spec)){});
+        platform::dbus::writeDictionary(message, arguments, operationEntry ? argumentTypes(*operationEntry) : decltype(argumentTypes(*operationEntry)){});
         if (!expectReply) {
             message.dontExpectReply();
             proxy_->callMethod(message);

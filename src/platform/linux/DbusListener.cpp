@@ -348,10 +348,10 @@ void DbusListener::serve(Client& client, const OperationSpec& operation, const s
         sendError(*call, kErrorInvalidArgs, e.getMessage());
         return;
     }
-    for (const auto& spec : operation.arguments) {
-        if (decoded.undecodableKeys.count(spec.key) != 0) {
+    for (const auto& argument : operation.arguments) {
+        if (decoded.undecodableKeys.count(argument.key) != 0) {
             sendError(*call, kErrorInvalidArgs,
-                      "Argument '" + spec.key + "' of " + operation.name + " holds a value of an unusable type.");
+                      "Argument '" + argument.key + "' of " + operation.name + " holds a value of an unusable type.");
             return;
         }
     }
