@@ -32,12 +32,6 @@ constexpr mode_t kRuntimeConfigurationMode = 0600;
 
 const char* describe(const std::optional<std::string>& text) { return text ? text->c_str() : "(null)"; }
 
-// The program was started but the tunnel could not be completed.
-MaybeError stopProgram(KorvoHelperTool& tool, pid_t pid, KorvoError error) {
-    tool.killProcessWithID(pid, SIGINT);
-    return error;
-}
-
 }  // namespace
 
 void KorvoHelperTool::connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
@@ -114,9 +108,10 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
                                                     formatString("Could not start %s userspace backend.", display)));
     }
 
-    const auto finish = [&](MaybeError failure) {
-        if (failure) return fail(*stopProgram(*this, pid, *failure));
-        reply(std::nullopt, pid);
+    const auto finish = [&](const MaybeError& failure) {
+        if (!failure) return reply(std::nullopt, pid);
+        killProcessWithID(pid, SIGINT);
+        fail(*failure);
     };
 
     if (auto waitError = wireGuardWaitForControlSocket(*interfaceName, uapiDirectory, pid, displayName, output.get())) {
