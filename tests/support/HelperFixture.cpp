@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +17,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "KorvoClient.h"
+#include "process/ChildProcess.h"
+#include "process/UniqueFd.h"
 
 extern char** environ;
 
@@ -29,94 +29,53 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kHelperBusName = "com.tallowmar.korvo.utility";
 
-// A pipe whose ends close themselves.
-struct Pipe {
-    int read = -1;
-    int write = -1;
-    Pipe() {
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) == 0) {
-            read = fds[0];
-            write = fds[1];
-        }
-    }
-    ~Pipe() {
-        closeRead();
-        closeWrite();
-    }
-    void closeRead() {
-        if (read >= 0) ::close(read);
-        read = -1;
-    }
-    void closeWrite() {
-        if (write >= 0) ::close(write);
-        write = -1;
-    }
-};
-
-std::vector<std::string> environmentWith(const std::map<std::string, std::string>& additions) {
-    std::vector<std::string> env;
+std::map<std::string, std::string> environmentWith(const std::map<std::string, std::string>& additions) {
+    std::map<std::string, std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
-        const auto key = entry.substr(0, entry.find('='));
-        if (additions.count(key) == 0) env.push_back(entry);
+        const auto equals = entry.find('=');
+        env.emplace(entry.substr(0, equals), equals == std::string::npos ? "" : entry.substr(equals + 1));
     }
-    for (const auto& [key, value] : additions) env.push_back(key + "=" + value);
+    for (const auto& [key, value] : additions) env[key] = value;
     return env;
 }
 
 // Starts argv with its standard output and error on outFd and errFd (-1:
-// /dev/null) and the given environment; -1 when it could not be started.
-pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, int outFd, int errFd,
-            int keepFd = -1) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    if (outFd >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    }
-    if (errFd >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    }
-    // dup2 onto itself would keep close-on-exec; go through another number.
-    if (keepFd >= 0) posix_spawn_file_actions_adddup2(&actions, keepFd, 3);
-
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    std::vector<char*> envp;
-    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-
-    pid_t pid = -1;
-    const int rc = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
+// /dev/null) and the given environment; nullptr when it could not be started.
+std::shared_ptr<ChildProcess> spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+                                    int outFd, int errFd) {
+    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    ChildProcess::Options options;
+    options.executable = argv[0];
+    options.arguments.assign(argv.begin() + 1, argv.end());
+    options.environment = env;
+    options.standardInput = null.get();
+    options.standardOutput = outFd >= 0 ? outFd : null.get();
+    options.standardError = errFd >= 0 ? errFd : null.get();
+    int error = 0;
+    return ChildProcess::launch(options, &error);
 }
 
-std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        const pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        if (r < 0 && errno != EINTR) return -1;
-        if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// The exit status, -1 when a signal ended the child, nullopt at the timeout.
+std::optional<int> waitForExit(ChildProcess& child, std::chrono::milliseconds timeout) {
+    if (!child.waitForExit(static_cast<double>(timeout.count()) / 1000.0)) return std::nullopt;
+    return child.terminatedBySignal() ? -1 : child.terminationStatus().value_or(-1);
+}
+
+void endProcess(const std::shared_ptr<ChildProcess>& child) {
+    if (!child) return;
+    child->terminate();
+    if (!child->waitForExit(5.0)) {
+        child->sendSignal(SIGKILL);
+        child->waitUntilExit();
     }
 }
 
-void endProcess(pid_t pid) {
-    if (pid <= 0) return;
-    ::kill(pid, SIGTERM);
-    if (!waitForExit(pid, std::chrono::seconds(5))) {
-        ::kill(pid, SIGKILL);
-        waitForExit(pid, std::chrono::seconds(5));
-    }
+// Both ends of a new pipe, close-on-exec.
+std::pair<UniqueFd, UniqueFd> makePipe() {
+    int fds[2] = {-1, -1};
+    if (::pipe2(fds, O_CLOEXEC) != 0) return {};
+    return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
 std::string busConfiguration(const std::string& socketPath) {
@@ -151,8 +110,7 @@ struct HelperFixture::State {
     Options options;
     std::filesystem::path directory;
     std::string busAddress;
-    pid_t busPid = -1;
-    pid_t helperPid = -1;
+    std::shared_ptr<ChildProcess> bus, helper;
     std::optional<int> helperExitStatus;
     std::unique_ptr<KorvoClient> client;
 
@@ -183,50 +141,48 @@ std::optional<std::string> HelperFixture::start() {
     const auto configPath = s.directory / "bus.conf";
     std::ofstream(configPath) << busConfiguration((s.directory / "system_bus_socket").string());
 
-    // The bus writes its address to descriptor 3 once it is listening.
-    Pipe address;
-    s.busPid = spawn({"/usr/bin/dbus-daemon", "--config-file=" + configPath.string(), "--nofork", "--nopidfile",
-                      "--print-address=3"},
-                     environmentWith({}), -1, -1, address.write);
-    if (s.busPid < 0) return std::string("cannot start dbus-daemon");
-    address.closeWrite();
-    pollfd fd{address.read, POLLIN, 0};
-    if (::poll(&fd, 1, 10000) <= 0) return std::string("dbus-daemon printed no address");
+    // The bus prints its address once it is listening.
+    auto [addressRead, addressWrite] = makePipe();
+    s.bus = spawn({"/usr/bin/dbus-daemon", "--config-file=" + configPath.string(), "--nofork", "--nopidfile",
+                   "--print-address"},
+                  environmentWith({}), addressWrite.get(), -1);
+    if (!s.bus) return std::string("cannot start dbus-daemon");
+    addressWrite.reset();
+    pollfd fd{addressRead.get(), POLLIN, 0};
     char buffer[512];
-    const auto n = ::read(address.read, buffer, sizeof buffer - 1);
+    const auto n = ::poll(&fd, 1, 10000) > 0 ? ::read(addressRead.get(), buffer, sizeof buffer - 1) : 0;
     if (n <= 0) return std::string("dbus-daemon printed no address");
     s.busAddress.assign(buffer, static_cast<std::size_t>(n));
     while (!s.busAddress.empty() && (s.busAddress.back() == '\n' || s.busAddress.back() == '\0')) s.busAddress.pop_back();
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", s.busAddress.c_str(), 1);
     if (!s.options.startHelper) return std::nullopt;
 
-    Pipe output;
+    auto [outputRead, outputWrite] = makePipe();
     auto env = s.options.environment;
     env["DBUS_SYSTEM_BUS_ADDRESS"] = s.busAddress;
     const std::string helperPath = s.options.helperPath.empty() ? defaultHelperPath() : s.options.helperPath;
-    s.helperPid = spawn({helperPath}, environmentWith(env), output.write, output.write);
-    if (s.helperPid < 0) return "cannot start " + helperPath;
-    output.closeWrite();
-    s.logReader = std::thread([state = state_.get(), fd = ::dup(output.read)] {
+    s.helper = spawn({helperPath}, environmentWith(env), outputWrite.get(), outputWrite.get());
+    if (!s.helper) return "cannot start " + helperPath;
+    outputWrite.reset();
+    s.logReader = std::thread([state = state_.get(), fd = std::move(outputRead)] {
         char chunk[4096];
         for (;;) {
             // Programs the helper started may hold the pipe open after the
             // helper has gone; stop() then ends the reading.
-            pollfd p{fd, POLLIN, 0};
+            pollfd p{fd.get(), POLLIN, 0};
             const int ready = ::poll(&p, 1, 100);
             if (ready < 0 && errno != EINTR) break;
             if (ready <= 0) {
                 if (state->stopReading) break;
                 continue;
             }
-            const auto got = ::read(fd, chunk, sizeof chunk);
+            const auto got = ::read(fd.get(), chunk, sizeof chunk);
             if (got < 0 && errno == EINTR) continue;
             if (got <= 0) break;
             std::lock_guard lock(state->logMutex);
             state->log.append(chunk, static_cast<std::size_t>(got));
             state->logGrew.notify_all();
         }
-        ::close(fd);
     });
 
     // Ready once the helper owns its name.
@@ -277,61 +233,49 @@ bool HelperFixture::waitForLog(const std::string& text, std::chrono::millisecond
     });
 }
 
-pid_t HelperFixture::helperPid() const { return state_->helperPid; }
+pid_t HelperFixture::helperPid() const { return state_->helper ? state_->helper->pid() : -1; }
 
 std::string HelperFixture::busAddress() const { return state_->busAddress; }
 
 CommandResult HelperFixture::runClient(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) const {
+    // The client's output goes to files in the bus's directory.
+    static std::atomic<int> runs{0};
+    const std::string base = (state_->directory / ("client" + std::to_string(runs++))).string();
+    const auto open = [](const std::string& path) {
+        return UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    };
+    const auto read = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
     CommandResult result;
-    Pipe out, err;
-    const pid_t pid = spawn(argv, environmentWith({{"DBUS_SYSTEM_BUS_ADDRESS", state_->busAddress}}), out.write, err.write);
-    out.closeWrite();
-    err.closeWrite();
-    if (pid < 0) return result;
-    const auto deadline = Clock::now() + timeout;
-    pollfd fds[2] = {{out.read, POLLIN, 0}, {err.read, POLLIN, 0}};
-    int open = 2;
-    while (open > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0 || ::poll(fds, 2, static_cast<int>(left)) <= 0) {
-            ::kill(pid, SIGKILL);
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char chunk[4096];
-            const auto got = ::read(fds[i].fd, chunk, sizeof chunk);
-            if (got <= 0) {
-                fds[i].fd = -1;
-                --open;
-                continue;
-            }
-            (i == 0 ? result.standardOutput : result.standardError).append(chunk, static_cast<std::size_t>(got));
-        }
-    }
-    result.exitStatus = waitForExit(pid, std::chrono::seconds(10)).value_or(-1);
+    const auto child = spawn(argv, environmentWith({{"DBUS_SYSTEM_BUS_ADDRESS", state_->busAddress}}),
+                             open(base + ".out").get(), open(base + ".err").get());
+    if (!child) return result;
+    if (!child->waitForExit(static_cast<double>(timeout.count()) / 1000.0)) child->sendSignal(SIGKILL);
+    result.exitStatus = waitForExit(*child, std::chrono::seconds(10)).value_or(-1);
+    result.standardOutput = read(base + ".out");
+    result.standardError = read(base + ".err");
     return result;
 }
 
 std::optional<int> HelperFixture::waitForHelperExit(std::chrono::milliseconds timeout) {
     auto& s = *state_;
-    if (s.helperExitStatus) return s.helperExitStatus;
-    if (s.helperPid <= 0) return std::nullopt;
-    s.helperExitStatus = waitForExit(s.helperPid, timeout);
+    if (!s.helperExitStatus && s.helper) s.helperExitStatus = waitForExit(*s.helper, timeout);
     return s.helperExitStatus;
 }
 
 void HelperFixture::stop() {
     auto& s = *state_;
     s.client.reset();
-    if (s.helperPid > 0 && !s.helperExitStatus) {
-        endProcess(s.helperPid);
+    if (s.helper && !s.helperExitStatus) {
+        endProcess(s.helper);
         s.helperExitStatus = -1;
     }
     s.stopReading = true;
     if (s.logReader.joinable()) s.logReader.join();
-    if (s.busPid > 0) endProcess(s.busPid);
-    s.busPid = -1;
+    endProcess(s.bus);
+    s.bus.reset();
     if (!s.directory.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(s.directory, ignored);

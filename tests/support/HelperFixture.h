@@ -1,36 +1,12 @@
 // The real helper daemon on a private system bus, with the test process as
-// its signed client. Only for tests that run inside tests/support/isolated:
-// the fixture starts its own dbus-daemon and helper and both die with the
-// namespace at the latest.
+// its signed client (link korvo_test_support; sign the test with SIGNED).
+// Only for tests run inside tests/support/isolated; the bus and helper die
+// with the fixture, or with the namespace at the latest.
 //
-// How a test uses it (CMake: link korvo_test_support and sign the test as the
-// client application):
-//
-//   korvo_add_test(NAME wireguard_service_test SOURCES WireGuardServiceTest.cpp
-//                  LABEL integration ISOLATED SIGNED LIBS korvo_test_support)
-//
-//   #include "support/HelperFixture.h"
-//
-//   class WireGuardServiceTest : public ::testing::Test {
-//   protected:
-//       void SetUp() override { ASSERT_EQ(helper.start(), std::nullopt); }
-//       korvo::test::HelperFixture helper;   // stopped by its destructor
-//   };
-//
-//   TEST_F(WireGuardServiceTest, StartsTheTunnelProgram) {
-//       helper.call("setTmpDirPath", {{"path", tmp + "/"}});
-//       korvo::Dictionary reply =
-//           helper.call("connectWireGuardWithConfig", {{"config", configPath}, {"comPort", 5000}});
-//       ASSERT_FALSE(reply.contains("error")) << helper.helperLog();
-//       pid_t pid = static_cast<pid_t>(*reply.at("pid").integerValue());
-//   }
-//
-// call() sends the arguments typed as the operation table says (a port as
-// "t", a pid as "i", ...) and waits for the reply. The reply is the helper's
-// dictionary: "error" (domain, code, description, userInfo) on failure, "pid"
-// or "result" where the operation returns them, empty for setters. A refusal
-// by the bus itself (AccessDenied, InvalidArgs, no such method) comes back as
-// {"busError": name, "busMessage": text}.
+// call() sends the arguments typed as the operation table says and returns
+// the helper's reply dictionary ("error", "pid", "result", or empty); a
+// refusal by the bus itself comes back as {"busError": name, "busMessage":
+// text}.
 #pragma once
 
 #include <sys/types.h>
