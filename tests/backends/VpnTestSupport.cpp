@@ -1,7 +1,6 @@
 #include "VpnTestSupport.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -178,33 +177,30 @@ std::string ComPort::text() const {
 
 namespace {
 
-std::vector<pid_t> allProcesses() {
-    std::vector<pid_t> pids;
-    DIR* dir = ::opendir("/proc");
-    if (!dir) return pids;
-    while (dirent* entry = ::readdir(dir)) {
-        char* end = nullptr;
-        const long pid = std::strtol(entry->d_name, &end, 10);
-        if (end && *end == '\0' && pid > 0) pids.push_back(static_cast<pid_t>(pid));
+// Every process, with the text after "(comm) " of its /proc/PID/stat.
+std::vector<std::pair<pid_t, std::string>> allProcesses() {
+    std::vector<std::pair<pid_t, std::string>> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (std::getline(stat, line) && line.rfind(')') != std::string::npos) {
+            found.emplace_back(std::stoi(name), line.substr(line.rfind(')') + 2));
+        }
     }
-    ::closedir(dir);
-    return pids;
+    return found;
 }
 
 }  // namespace
 
 std::vector<pid_t> zombieChildrenOf(pid_t parent) {
     std::vector<pid_t> zombies;
-    for (const pid_t pid : allProcesses()) {
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string line;
-        if (!std::getline(stat, line)) continue;
-        const auto close = line.rfind(')');
-        if (close == std::string::npos) continue;
-        std::istringstream rest(line.substr(close + 2));
+    for (const auto& [pid, stat] : allProcesses()) {
         char state = 0;
         pid_t ppid = 0;
-        rest >> state >> ppid;
+        std::istringstream(stat) >> state >> ppid;
         if (ppid == parent && state == 'Z') zombies.push_back(pid);
     }
     return zombies;
@@ -212,7 +208,7 @@ std::vector<pid_t> zombieChildrenOf(pid_t parent) {
 
 std::vector<pid_t> processesRunningFrom(const std::string& directory) {
     std::vector<pid_t> found;
-    for (const pid_t pid : allProcesses()) {
+    for (const auto& [pid, stat] : allProcesses()) {
         std::error_code error;
         const auto exe = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).string();
         if (!error && exe.rfind(directory + "/", 0) == 0) found.push_back(pid);

@@ -1,6 +1,5 @@
 #include "process/ChildProcess.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -8,12 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "process/ProcessProbe.h"
 #include "process/UniqueFd.h"
+#include "../backends/VpnTestSupport.h"
 
 namespace korvo {
 namespace {
@@ -45,27 +43,6 @@ ChildProcess::Options shell(const std::string& script) {
     options.executable = "/bin/sh";
     options.arguments = {"-c", script};
     return options;
-}
-
-// Children of this process in state Z (zombies), from /proc.
-int zombieChildren() {
-    int count = 0;
-    DIR* dir = ::opendir("/proc");
-    if (!dir) return -1;
-    while (dirent* entry = ::readdir(dir)) {
-        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-        std::string line;
-        if (!std::getline(stat, line)) continue;
-        const auto close = line.rfind(')');
-        if (close == std::string::npos) continue;
-        std::istringstream rest(line.substr(close + 2));
-        char state = 0;
-        pid_t parent = 0;
-        rest >> state >> parent;
-        if (parent == ::getpid() && state == 'Z') ++count;
-    }
-    ::closedir(dir);
-    return count;
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
@@ -181,7 +158,7 @@ TEST(ChildProcessTest, ChildrenNobodyWaitsForAreReapedAndNeverSeenAlive) {
         }
         return true;
     }));
-    EXPECT_TRUE(eventually([] { return zombieChildren() == 0; }));
+    EXPECT_TRUE(eventually([] { return test::zombieChildrenOf(::getpid()).empty(); }));
 }
 
 TEST(ChildProcessTest, ExitedChildIsNotAliveEvenBeforeItIsReaped) {
