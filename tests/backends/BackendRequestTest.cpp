@@ -1,9 +1,5 @@
-// The OpenVPN, vpnc and OpenConnect requests against a bundle of stand-in
-// programs that record how they were started. The real programs are started
-// by the integration tests.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+// The OpenVPN request against a stand-in program that records how it was
+// started. The real programs are started by the integration tests.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,8 +11,8 @@
 #include <sstream>
 
 #include "core/HelperTool.h"
-#include "process/UniqueFd.h"
 #include "util/Log.h"
+#include "../network/NetworkTestSupport.h"
 
 namespace korvo {
 namespace {
@@ -50,11 +46,7 @@ mode_t modeOf(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-std::string messageOf(const MaybeError& error) {
-    const auto description = error ? error->localizedDescription().value_or("") : std::string("<no error>");
-    const auto split = description.find("\n\n");
-    return split == std::string::npos ? description : description.substr(split + 2);
-}
+const auto messageOf = testing::errorMessage;
 
 class BackendRequestTest : public ::testing::Test {
 protected:
@@ -66,16 +58,14 @@ protected:
         bundle_ = dir_ + "/Korvo.app";
         std::filesystem::create_directories(tmp_);
         std::filesystem::create_directories(bundle_ + "/Contents/MacOS");
-        // Each stand-in writes its arguments (one per line) and the
-        // OpenSSL variables into NAME.argv and NAME.env in its working
+        // The stand-in writes its arguments (one per line) and the OpenSSL
+        // variables into openvpn.argv and openvpn.env in its working
         // directory, then says hello on its standard output.
-        for (const std::string name : {"openvpn", "vpnc", "openconnect"}) {
-            const std::string path = bundle_ + "/Contents/MacOS/" + name;
-            std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > " << name << ".argv\n"
-                                << "echo \"${OPENSSL_MODULES-unset} ${OPENSSL_CONF-unset}\" > " << name << ".env\n"
-                                << "echo '" << name << " says hello'\nexit ${STANDIN_STATUS:-0}\n";
-            ::chmod(path.c_str(), 0600);
-        }
+        const std::string path = bundle_ + "/Contents/MacOS/openvpn";
+        std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > openvpn.argv\n"
+                            << "echo \"${OPENSSL_MODULES-unset} ${OPENSSL_CONF-unset}\" > openvpn.env\n"
+                            << "echo 'openvpn says hello'\nexit ${STANDIN_STATUS:-0}\n";
+        ::chmod(path.c_str(), 0600);
         HelperServices services;
         services.codeSigning = std::make_shared<ValidCodeSigning>();
         tool_ = std::make_unique<KorvoHelperTool>(services);
@@ -97,32 +87,11 @@ protected:
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
-    std::string script(const std::string& name) {
-        const std::string path = tmp_ + name;
-        std::ofstream(path) << "#!/bin/sh\n";
-        ::chmod(path.c_str(), 0600);
-        return path;
-    }
     bool logged(const std::string& line) {
         std::lock_guard lock(logMutex_);
         return std::find(log_.begin(), log_.end(), line) != log_.end();
     }
 
-    struct PidResult {
-        MaybeError error;
-        std::int32_t pid = 0;
-    };
-    PidResult openConnect(const std::optional<std::string>& configPath, std::uint64_t port,
-                          const std::optional<std::string>& resolve = std::string()) {
-        PidResult r;
-        tool_->connectOpenConnectWithConfig(configPath, std::string("vpn.example.test"), resolve,
-                                            std::string("COOKIE"), std::string("sha256:abc"), port,
-                                            [&r](const MaybeError& e, std::int32_t pid) {
-                                                r.error = e;
-                                                r.pid = pid;
-                                            });
-        return r;
-    }
     MaybeError openVPN(const std::optional<std::string>& configPath) {
         MaybeError error;
         bool called = false;
@@ -136,44 +105,10 @@ protected:
         return error;
     }
 
-    // Waits until a stand-in started without waiting has written its file.
-    std::string awaitFile(const std::string& path) {
-        for (int i = 0; i < 500 && !std::filesystem::exists(path); ++i) ::usleep(10000);
-        ::usleep(20000);
-        return fileText(path);
-    }
-
     std::unique_ptr<KorvoHelperTool> tool_;
     std::string dir_, tmp_, bundle_;
     std::mutex logMutex_;
     std::vector<std::string> log_;
-};
-
-class Listener {
-public:
-    Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t n = sizeof a;
-        ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&a), n);
-        ::listen(fd_.get(), 2);
-        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&a), &n);
-        port_ = ntohs(a.sin_port);
-    }
-    std::uint16_t port() const { return port_; }
-    std::string readConnection() {
-        UniqueFd c(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        std::string out;
-        char b[1024];
-        ssize_t n;
-        while ((n = ::read(c.get(), b, sizeof b)) > 0) out.append(b, static_cast<std::size_t>(n));
-        return out;
-    }
-
-private:
-    UniqueFd fd_;
-    std::uint16_t port_ = 0;
 };
 
 TEST_F(BackendRequestTest, OpenVPNArgumentsLogFileAndPermissions) {
@@ -225,23 +160,6 @@ TEST_F(BackendRequestTest, OpenVPNFailuresAndLegacyProviderEnvironment) {
     const MaybeError missing = openVPN(conf);
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->domain, "NSCocoaErrorDomain");
-}
-
-TEST_F(BackendRequestTest, OpenConnectRewriteKeepsTheConfigurationPrivate) {
-    const std::string conf = config("corp.conf", "user=me\n--Background\nprotocol=anyconnect\n");
-    ::chmod(conf.c_str(), 0600);
-    const std::string scriptPath = script("corp-openconnect-script.sh");
-    Listener listener;
-    const PidResult started = openConnect(conf, listener.port(), std::string("vpn.example.test:10.1.2.3"));
-    ASSERT_EQ(started.error, std::nullopt) << messageOf(started.error);
-    EXPECT_EQ(listener.readConnection(), "openconnect says hello\n");
-    EXPECT_EQ(fileText(conf), "user=me\nprotocol=anyconnect\n");
-    EXPECT_EQ(modeOf(conf), 0600u);  // it may hold secrets
-    EXPECT_EQ(modeOf(scriptPath), 0755u);
-    EXPECT_EQ(lines(awaitFile(tmp_ + "openconnect.argv")),
-              (std::vector<std::string>{"--config=" + conf, "--cookie=COOKIE", "--script=\"" + scriptPath + "\"",
-                                        "--servercert=sha256:abc", "--os=mac-intel",
-                                        "--resolve=vpn.example.test:10.1.2.3", "vpn.example.test"}));
 }
 
 }  // namespace

@@ -137,6 +137,7 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
 TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) {
     silentGateway();
     const std::string config = dir_.write("Corp.conf", "protocol=anyconnect\nbackground\nuseragent=Korvo\n");
+    ::chmod(config.c_str(), 0600);
     const std::string script = dir_.write("Corp-openconnect-script.sh", "#!/bin/sh\nexit 0\n");
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
 
@@ -150,6 +151,11 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     ASSERT_GT(pid, 0);
     // Rewritten before the launch, so the replied process is the tunnel's.
     EXPECT_EQ(runCommand("cat " + config).output, "protocol=anyconnect\nuseragent=Korvo\n");
+    struct stat st {};
+    ASSERT_EQ(::stat(config.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);  // it may hold secrets
+    ASSERT_EQ(::stat(script.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
     EXPECT_THAT(helper_.helperLog(),
                 HasSubstr("Removed daemonizing background option from OpenConnect configuration at path '" + config + "'."));
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
@@ -171,7 +177,7 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLe
         "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", "10.79.0.2:10.79.0.2"},
                                          {"credentials", "c"}, {"hash", "h"}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply);
-    started(reply);
+    EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"));
     struct stat after {};
     ASSERT_EQ(::stat(config.c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);
