@@ -182,27 +182,14 @@ TEST_F(HelperToolTest, RunEndsTheProcessWhenTheListenerCannotStart) {
         ::testing::ExitedWithCode(1), HasSubstr("no bus here"));
 }
 
-// The tool's listener delegate: acceptance by code signature, operations
-// from the table, and the guard against a foreign listener.
-TEST_F(HelperToolTest, ListenerDelegateAcceptsBySignatureAndRunsTableOperations) {
+// The tool's listener delegate judges only connections of its own listener
+// (acceptance and operations through the bus: HelperServiceTest).
+TEST_F(HelperToolTest, ListenerDelegateRefusesAForeignListener) {
     KorvoHelperTool tool(servicesWithListener());
     ASSERT_NE(fakeListener, nullptr);
     EXPECT_EQ(listenerName, "com.tallowmar.korvo.utility");
-    EXPECT_EQ(tool.listener(), fakeListener);
     auto& delegate = fakeListener->delegate;
-
     EXPECT_TRUE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.5", 99, 501}));
-    EXPECT_FALSE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.6", 100, 501}));
-    EXPECT_FALSE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.7", std::nullopt, std::nullopt}));
-
-    EXPECT_EQ(&delegate.exportedOperations(), &helperOperations());
-    const OperationSpec* op = findOperation("setVPNDebugLoggingEnabled");
-    ASSERT_NE(op, nullptr);
-    int replies = 0;
-    delegate.performOperation(*op, {{"enabled", true}}, [&](Dictionary) { ++replies; });
-    EXPECT_EQ(replies, 1);
-    EXPECT_TRUE(tool.vpnDebugLoggingEnabled());
-
     FakeListener stranger(delegate, false);
     EXPECT_DEATH(
         {

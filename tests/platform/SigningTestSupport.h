@@ -32,14 +32,13 @@ struct TestSigner {
     const char* chain;
     const char* key;
 };
-inline constexpr TestSigner kTeamSigner{KORVO_TEST_SIGNER_TEAM_CERT, KORVO_TEST_SIGNER_TEAM_CHAIN,
-                                        KORVO_TEST_SIGNER_TEAM_KEY};
-inline constexpr TestSigner kOtherTeamSigner{KORVO_TEST_SIGNER_OTHERTEAM_CERT, KORVO_TEST_SIGNER_OTHERTEAM_CHAIN,
-                                             KORVO_TEST_SIGNER_OTHERTEAM_KEY};
-inline constexpr TestSigner kOtherCaSigner{KORVO_TEST_SIGNER_OTHERCA_CERT, KORVO_TEST_SIGNER_OTHERCA_CHAIN,
-                                           KORVO_TEST_SIGNER_OTHERCA_KEY};
-inline constexpr TestSigner kNoCodeSigningSigner{KORVO_TEST_SIGNER_NOEKU_CERT, KORVO_TEST_SIGNER_NOEKU_CHAIN,
-                                                 KORVO_TEST_SIGNER_NOEKU_KEY};
+#define KORVO_TEST_SIGNER(NAME) \
+    TestSigner { KORVO_TEST_SIGNER_##NAME##_CERT, KORVO_TEST_SIGNER_##NAME##_CHAIN, KORVO_TEST_SIGNER_##NAME##_KEY }
+inline constexpr TestSigner kTeamSigner = KORVO_TEST_SIGNER(TEAM);
+inline constexpr TestSigner kOtherTeamSigner = KORVO_TEST_SIGNER(OTHERTEAM);
+inline constexpr TestSigner kOtherCaSigner = KORVO_TEST_SIGNER(OTHERCA);
+inline constexpr TestSigner kNoCodeSigningSigner = KORVO_TEST_SIGNER(NOEKU);
+#undef KORVO_TEST_SIGNER
 
 inline platform::codesign::CodeSigningAnchors testAnchors() {
     std::string error;
@@ -97,13 +96,9 @@ class Child {
 public:
     explicit Child(const std::vector<std::string>& argv) {
         std::vector<char*> args;
-        for (const auto& a : argv) {
-            args.push_back(const_cast<char*>(a.c_str()));
-        }
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
-        if (::posix_spawn(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) {
-            pid_ = -1;
-        }
+        if (::posix_spawn(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) pid_ = -1;
     }
     ~Child() { killAndReap(); }
     pid_t pid() const { return pid_; }
