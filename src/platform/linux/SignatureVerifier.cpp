@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "platform/linux/OpenSslHandles.h"
 #include "util/Format.h"
@@ -91,63 +92,74 @@ DigestOutcome checkCodeDigest(int fd, std::uint64_t length, const Sha256Digest& 
     return DigestOutcome::Match;
 }
 
-SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
-    SignatureEvaluation e;
-    auto finish = [&](CodeSignState state, std::string detail) {
-        e.state = state;
-        e.detail = std::move(detail);
-        ERR_clear_error();
-        return e;
-    };
+// The outcome of one step: nullopt to go on, else the state to end with.
+struct StepFailure {
+    CodeSignState state;
+    std::string detail;
+};
+using StepResult = std::optional<StepFailure>;
 
-    BlockReadResult read = readSignatureBlock(fd);
-    switch (read.status) {
-    case BlockStatus::Found:
-        break;
-    case BlockStatus::Unsigned:
-        return finish(CodeSignState::Unsigned, "the file is not signed");
-    case BlockStatus::Damaged:
-        return finish(CodeSignState::InvalidSignature, "damaged signature block: " + read.detail);
-    case BlockStatus::Unsupported:
-        return finish(CodeSignState::Unsupported, read.detail);
-    case BlockStatus::Unreadable:
-        return finish(CodeSignState::CouldNotCheck, read.detail);
+StepResult failure(CodeSignState state, std::string detail) { return StepFailure{state, std::move(detail)}; }
+
+// The content that CMS_verify digests. OpenSSL 3.0 copies a memory BIO
+// before digesting and leaks that copy when the signed data names a digest
+// it does not know; a buffering filter in front is used as it is, so the
+// caller keeps ownership whatever the outcome.
+BioPtr detachedContent(const std::vector<std::uint8_t>& bytes) {
+    BioPtr memory(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    BioPtr buffer(BIO_new(BIO_f_buffer()));
+    if (!memory || !buffer) {
+        return nullptr;
     }
-    const SignatureBlock& block = *read.block;
-    e.directory = block.directory;
+    BIO_push(buffer.get(), memory.release());
+    return buffer;
+}
 
-    // The CMS signature: DER that must be consumed exactly, signed data,
-    // detached, one signer.
+bool signerDigestIsSha256(CMS_SignerInfo* signer) {
+    X509_ALGOR* digest = nullptr;
+    CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
+    const ASN1_OBJECT* algorithm = nullptr;
+    if (digest) {
+        X509_ALGOR_get0(&algorithm, nullptr, nullptr, digest);
+    }
+    return algorithm && OBJ_obj2nid(algorithm) == NID_sha256;
+}
+
+// The CMS signature: DER that must be consumed exactly, detached signed
+// data with one SHA-256 signer, whose signature over the code directory
+// verifies. Fills in the signer and the certificates it carries.
+StepResult verifyCms(const SignatureBlock& block, SignatureEvaluation& e, CmsPtr& cms, X509StackPtr& certs,
+                     X509*& leaf) {
     const unsigned char* p = block.signatureBytes.data();
-    CmsPtr cms(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(block.signatureBytes.size())));
+    cms.reset(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(block.signatureBytes.size())));
     if (!cms || p != block.signatureBytes.data() + block.signatureBytes.size()) {
-        return finish(CodeSignState::InvalidSignature, "the signature is not a CMS structure");
+        return failure(CodeSignState::InvalidSignature, "the signature is not a CMS structure");
     }
     if (OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed || CMS_is_detached(cms.get()) != 1) {
-        return finish(CodeSignState::InvalidSignature, "the signature is not detached CMS signed data");
+        return failure(CodeSignState::InvalidSignature, "the signature is not detached CMS signed data");
     }
     STACK_OF(CMS_SignerInfo)* signerInfos = CMS_get0_SignerInfos(cms.get());
     if (!signerInfos || sk_CMS_SignerInfo_num(signerInfos) != 1) {
-        return finish(CodeSignState::InvalidSignature, "the signature must have exactly one signer");
+        return failure(CodeSignState::InvalidSignature, "the signature must have exactly one signer");
     }
-    X509StackPtr certs(CMS_get1_certs(cms.get()));
+    if (!signerDigestIsSha256(sk_CMS_SignerInfo_value(signerInfos, 0))) {
+        return failure(CodeSignState::InvalidSignature, "the signer's digest algorithm is not SHA-256");
+    }
+    certs.reset(CMS_get1_certs(cms.get()));
     for (int i = 0; certs && i < sk_X509_num(certs.get()); ++i) {
         e.chain.push_back(summarize(sk_X509_value(certs.get(), i)));
     }
-    BioPtr content(BIO_new_mem_buf(block.codeDirectoryBytes.data(), static_cast<int>(block.codeDirectoryBytes.size())));
+    const BioPtr content = detachedContent(block.codeDirectoryBytes);
     if (!content) {
-        return finish(CodeSignState::CouldNotCheck, "out of memory");
+        return failure(CodeSignState::CouldNotCheck, "out of memory");
     }
-    // Integrity first, trust afterwards, so that a changed file reads as an
-    // invalid signature whoever signed it.
     if (CMS_verify(cms.get(), nullptr, nullptr, content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
-        return finish(CodeSignState::InvalidSignature,
-                      "the CMS signature does not verify: " + takeOpenSslErrors());
+        return failure(CodeSignState::InvalidSignature, "the CMS signature does not verify: " + takeOpenSslErrors());
     }
     SignerStackPtr signers(CMS_get0_signers(cms.get()));
-    X509* leaf = signers && sk_X509_num(signers.get()) == 1 ? sk_X509_value(signers.get(), 0) : nullptr;
+    leaf = signers && sk_X509_num(signers.get()) == 1 ? sk_X509_value(signers.get(), 0) : nullptr;
     if (!leaf) {
-        return finish(CodeSignState::InvalidSignature, "the signer's certificate is missing");
+        return failure(CodeSignState::InvalidSignature, "the signer's certificate is missing");
     }
     e.leafSubject = nameText(X509_get_subject_name(leaf));
     e.leafOrganizationalUnits = organizationalUnits(leaf);
@@ -157,28 +169,22 @@ SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
         return c.subject == leafSummary.subject && c.issuer == leafSummary.issuer;
     });
     e.chain.insert(e.chain.begin(), leafSummary);
+    return std::nullopt;
+}
 
-    if (!anchors) {
-        return finish(CodeSignState::Valid, {});
-    }
-    std::string digestDetail;
-    switch (checkCodeDigest(fd, block.codeLength, block.directory.codeDigest, digestDetail)) {
-    case DigestOutcome::Match:
-        break;
-    case DigestOutcome::Mismatch:
-        return finish(CodeSignState::InvalidSignature, digestDetail);
-    case DigestOutcome::ReadFailed:
-        return finish(CodeSignState::CouldNotCheck, digestDetail);
-    }
-
+// Trust: the signer chains to an anchor and may sign code. The verdict is
+// Valid or NotVerifiable; only a failure to check at all ends the
+// evaluation.
+StepResult judgeTrust(X509* leaf, STACK_OF(X509)* certs, const CodeSigningAnchors& anchors, SignatureEvaluation& e) {
     StoreCtxPtr ctx(X509_STORE_CTX_new());
-    if (!ctx || X509_STORE_CTX_init(ctx.get(), anchors->store(), leaf, certs.get()) != 1) {
-        return finish(CodeSignState::CouldNotCheck, "cannot set up chain verification: " + takeOpenSslErrors());
+    if (!ctx || X509_STORE_CTX_init(ctx.get(), anchors.store(), leaf, certs) != 1) {
+        return failure(CodeSignState::CouldNotCheck, "cannot set up chain verification: " + takeOpenSslErrors());
     }
     if (X509_verify_cert(ctx.get()) != 1) {
-        return finish(CodeSignState::NotVerifiable,
-                      std::string("the signer's chain does not reach a trusted anchor: ") +
-                          X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get())));
+        e.state = CodeSignState::NotVerifiable;
+        e.detail = std::string("the signer's chain does not reach a trusted anchor: ") +
+                   X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
+        return std::nullopt;
     }
     e.chain.clear();
     STACK_OF(X509)* verified = X509_STORE_CTX_get0_chain(ctx.get());
@@ -186,9 +192,60 @@ SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
         e.chain.push_back(summarize(sk_X509_value(verified, i)));
     }
     if (!maySignCode(leaf)) {
-        return finish(CodeSignState::NotVerifiable, "the signer's certificate is not for code signing");
+        e.state = CodeSignState::NotVerifiable;
+        e.detail = "the signer's certificate is not for code signing";
+        return std::nullopt;
     }
-    return finish(CodeSignState::Valid, {});
+    e.state = CodeSignState::Valid;
+    return std::nullopt;
+}
+
+// anchors == nullptr: describe only (no trust, no digest).
+SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
+    SignatureEvaluation e;
+    auto finish = [&](StepFailure f) {
+        e.state = f.state;
+        e.detail = std::move(f.detail);
+        ERR_clear_error();
+        return e;
+    };
+
+    BlockReadResult read = readSignatureBlock(fd);
+    switch (read.status) {
+    case BlockStatus::Found:
+        break;
+    case BlockStatus::Unsigned:
+        return finish({CodeSignState::Unsigned, "the file is not signed"});
+    case BlockStatus::Damaged:
+        return finish({CodeSignState::InvalidSignature, "damaged signature block: " + read.detail});
+    case BlockStatus::Unsupported:
+        return finish({CodeSignState::Unsupported, read.detail});
+    case BlockStatus::Unreadable:
+        return finish({CodeSignState::CouldNotCheck, read.detail});
+    }
+    const SignatureBlock& block = *read.block;
+    e.directory = block.directory;
+
+    CmsPtr cms;
+    X509StackPtr certs;
+    X509* leaf = nullptr;
+    if (auto f = verifyCms(block, e, cms, certs, leaf)) return finish(std::move(*f));
+    if (!anchors) return finish({CodeSignState::Valid, {}});
+    if (auto f = judgeTrust(leaf, certs.get(), *anchors, e)) return finish(std::move(*f));
+
+    std::string digestDetail;
+    switch (checkCodeDigest(fd, block.codeLength, block.directory.codeDigest, digestDetail)) {
+    case DigestOutcome::Match:
+        break;
+    case DigestOutcome::Mismatch:
+        // Integrity before trust: a changed file reads as an invalid
+        // signature whoever signed it.
+        return finish({CodeSignState::InvalidSignature, digestDetail});
+    case DigestOutcome::ReadFailed:
+        return finish({CodeSignState::CouldNotCheck, digestDetail});
+    }
+    ERR_clear_error();
+    return e;
 }
 
 }  // namespace

@@ -33,9 +33,9 @@ struct SignatureEvaluation {
     bool intact() const { return state == CodeSignState::Valid || state == CodeSignState::NotVerifiable; }
 };
 
-// Evaluates the signature of the regular file open as fd. Reads the block,
-// then the code once, in fixed-size pieces; memory use does not grow with
-// the file.
+// Evaluates the signature of the regular file open as fd: the block, the
+// CMS signature and the signer's chain first, then the code once, in
+// fixed-size pieces; memory use does not grow with the file.
 SignatureEvaluation evaluateSignature(int fd, const CodeSigningAnchors& anchors);
 
 // What the block says, without checking digest or chain: for display.
