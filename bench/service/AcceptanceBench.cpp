@@ -70,9 +70,11 @@ void GetConnectionCredentials(benchmark::State& state) {
 }
 
 void SignatureCheckOfThisClient(benchmark::State& state) {
-    const korvo::ClientAcceptance acceptance(korvo::platform::makeSystemCodeSigning());
+    const korvo::ClientAcceptance acceptance(korvo::platform::makeSystemCodeSigning(), std::nullopt);
     for (auto _ : state) {
-        if (!acceptance.shouldAcceptClient(::getpid())) state.SkipWithError("this benchmark is not signed as the client");
+        if (!acceptance.shouldAcceptClient({":1.1", ::getpid(), 0, {0}})) {
+            state.SkipWithError("this benchmark is not signed as the client");
+        }
     }
 }
 

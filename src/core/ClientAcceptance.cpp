@@ -1,21 +1,61 @@
 #include "core/ClientAcceptance.h"
 
+#include <grp.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "util/Log.h"
 
 namespace korvo {
 
-ClientAcceptance::ClientAcceptance(std::shared_ptr<platform::CodeSigning> codeSigning)
-    : codeSigning_(std::move(codeSigning)) {}
+std::optional<gid_t> lookUpClientGroup() {
+    const std::string name(KorvoClientGroupName);
+    group entry{};
+    group* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) {
+        return std::nullopt;
+    }
+    return found->gr_gid;
+}
 
-bool ClientAcceptance::shouldAcceptClient(std::optional<pid_t> processIdentifier) const {
+ClientAcceptance::ClientAcceptance(std::shared_ptr<platform::CodeSigning> codeSigning,
+                                   std::optional<gid_t> clientGroup)
+    : codeSigning_(std::move(codeSigning)), clientGroup_(clientGroup) {}
+
+bool ClientAcceptance::shouldAcceptClient(const platform::ServiceConnection& connection) const {
+    // A client that the platform could not name a process for (it left
+    // before it could be asked) is never looked up by a made-up identifier.
+    if (!codeSigning_ || !connection.processIdentifier || *connection.processIdentifier <= 0) {
+        logMessage(LOG_ERR, "Error: Unable to identify client: %d", platform::codesign_status::kNoSuchCode);
+        return false;
+    }
+    return connectedAsRootOrClientGroup(connection) && codeSatisfiesRequirement(*connection.processIdentifier);
+}
+
+bool ClientAcceptance::connectedAsRootOrClientGroup(const platform::ServiceConnection& connection) const {
+    if (connection.userIdentifier == uid_t{0}) {
+        return true;
+    }
+    if (clientGroup_ && std::ranges::find(connection.groupIdentifiers, *clientGroup_) !=
+                            connection.groupIdentifiers.end()) {
+        return true;
+    }
+    const long uid = connection.userIdentifier ? static_cast<long>(*connection.userIdentifier) : -1L;
+    const int pid = static_cast<int>(connection.processIdentifier.value_or(-1));
+    logMessage(LOG_ERR, "Error: Client %s (pid %d, uid %ld) connected neither as root nor with the group '%s'.",
+               connection.name.c_str(), pid, uid, std::string(KorvoClientGroupName).c_str());
+    return false;
+}
+
+bool ClientAcceptance::codeSatisfiesRequirement(pid_t processIdentifier) const {
     namespace status = platform::codesign_status;
 
     std::unique_ptr<platform::GuestCode> guest;
-    int result = status::kNoSuchCode;
-    if (codeSigning_ && processIdentifier && *processIdentifier > 0) {
-        result = codeSigning_->copyGuestWithPid(*processIdentifier, guest);
-        if (result == status::kSuccess && !guest) result = status::kNoSuchCode;
-    }
+    int result = codeSigning_->copyGuestWithPid(processIdentifier, guest);
+    if (result == status::kSuccess && !guest) result = status::kNoSuchCode;
     if (result != status::kSuccess) {
         logMessage(LOG_ERR, "Error: Unable to identify client: %d", result);
         return false;

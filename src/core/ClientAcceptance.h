@@ -1,6 +1,7 @@
-// The gate in front of the service: a client is served only when the code of
-// its process satisfies the requirement that names the client application and
-// its signing team.
+// The gate in front of the service. A client is served only when it
+// connected as root or with the client application's group, and the code of
+// its process satisfies the requirement that names the client application
+// and its signing team.
 #pragma once
 
 #include <sys/types.h>
@@ -10,24 +11,39 @@
 #include <string_view>
 
 #include "platform/CodeSigning.h"
+#include "platform/ServiceListener.h"
 
 namespace korvo {
 
 inline constexpr std::string_view KorvoClientRequirement =
     "anchor apple generic and identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = Q4XW82KTJN";
 
+// The group of the installed client application: its bus-speaking program
+// is installed setgid to it, and no user is a member.
+inline constexpr std::string_view KorvoClientGroupName = "korvo";
+
+// The gid of the client group on this system; nullopt when there is none
+// (then only root is served).
+std::optional<gid_t> lookUpClientGroup();
+
 class ClientAcceptance {
 public:
-    explicit ClientAcceptance(std::shared_ptr<platform::CodeSigning> codeSigning);
+    ClientAcceptance(std::shared_ptr<platform::CodeSigning> codeSigning, std::optional<gid_t> clientGroup);
 
-    // Identifies the client's code by its process identifier (nullopt: the
-    // platform could not tell it), parses the requirement and checks the code
-    // against it, in that order. Logs the failing step at LOG_ERR and returns
-    // false; true when the client may be served.
-    bool shouldAcceptClient(std::optional<pid_t> processIdentifier) const;
+    // First the credentials the client connected with: root, or the client
+    // group among its groups at connect time. A process identifier and the
+    // program behind it can change hands after connecting; those credentials
+    // cannot. Then the code: identify it by the process identifier, parse
+    // the requirement, check the code against it. Logs the failing step at
+    // LOG_ERR and returns false; true when the client may be served.
+    bool shouldAcceptClient(const platform::ServiceConnection& connection) const;
 
 private:
+    bool connectedAsRootOrClientGroup(const platform::ServiceConnection& connection) const;
+    bool codeSatisfiesRequirement(pid_t processIdentifier) const;
+
     std::shared_ptr<platform::CodeSigning> codeSigning_;
+    std::optional<gid_t> clientGroup_;
 };
 
 }  // namespace korvo

@@ -39,7 +39,7 @@ std::string processTemporaryDirectory() {
 class HelperToolListenerDelegate final : public platform::ServiceListenerDelegate {
 public:
     explicit HelperToolListenerDelegate(KorvoHelperTool& tool)
-        : tool_(tool), acceptance_(tool.services().codeSigning) {}
+        : tool_(tool), acceptance_(tool.services().codeSigning, lookUpClientGroup()) {}
 
     bool shouldAcceptNewConnection(platform::ServiceListener& listener,
                                    const platform::ServiceConnection& connection) override {
@@ -49,7 +49,7 @@ public:
             logMessage(LOG_ERR, "Assertion failure: listener == self.listener (HelperTool:769)");
             std::abort();
         }
-        return acceptance_.shouldAcceptClient(connection.processIdentifier);
+        return acceptance_.shouldAcceptClient(connection);
     }
 
     const std::vector<OperationSpec>& exportedOperations() override { return helperOperations(); }

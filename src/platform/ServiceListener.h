@@ -26,14 +26,19 @@ struct ServiceConnection {
     std::string name;                   // the bus's unique name of the client
     std::optional<pid_t> processIdentifier;  // nullopt: the client could not be identified
     std::optional<uid_t> userIdentifier;
+    // The groups the client held when it connected (effective first, then
+    // supplementary), as the kernel recorded them then: unlike the process
+    // behind a pid, they cannot change hands afterwards.
+    std::vector<gid_t> groupIdentifiers;
 };
 
 class ServiceListenerDelegate {
 public:
     virtual ~ServiceListenerDelegate() = default;
 
-    // Called once per client before its first request runs, on the client's
-    // queue. The decision is kept for as long as the client stays connected.
+    // Called once per client before its first request is decoded, on the
+    // listener's acceptance queue. The decision is kept for as long as the
+    // client stays connected.
     virtual bool shouldAcceptNewConnection(ServiceListener& listener, const ServiceConnection& connection) = 0;
 
     // The operations offered to accepted clients.

@@ -189,12 +189,12 @@ TEST_F(HelperToolTest, ListenerDelegateRefusesAForeignListener) {
     ASSERT_NE(fakeListener, nullptr);
     EXPECT_EQ(listenerName, "com.tallowmar.korvo.utility");
     auto& delegate = fakeListener->delegate;
-    EXPECT_TRUE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.5", 99, 501}));
+    EXPECT_TRUE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.5", 99, 0, {0}}));
     FakeListener stranger(delegate, false);
     EXPECT_DEATH(
         {
             openHelperLog(true);
-            delegate.shouldAcceptNewConnection(stranger, {":1.8", 99, 0});
+            delegate.shouldAcceptNewConnection(stranger, {":1.8", 99, 0, {0}});
         },
         "listener == self.listener");
 }

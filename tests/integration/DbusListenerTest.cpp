@@ -57,6 +57,7 @@ struct Interval {
 class TestDelegate : public platform::ServiceListenerDelegate {
 public:
     bool shouldAcceptNewConnection(platform::ServiceListener&, const platform::ServiceConnection& c) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(decisionDelayMs.load()));
         std::lock_guard lock(mutex);
         ++acceptanceCalls[c.name];
         return refused.count(c.name) == 0 && c.processIdentifier == ::getpid() && c.userIdentifier == ::getuid();
@@ -105,6 +106,7 @@ public:
     std::vector<Dictionary> seen;
     std::atomic<int> notes{0};
     std::atomic<int> failures{0};
+    std::atomic<int> decisionDelayMs{0};
 };
 
 // A client that writes the a{sv} itself, to send D-Bus types that the value
@@ -169,7 +171,11 @@ protected:
         EXPECT_EQ(delegate.failures, 0);
     }
 
-    test::HelperFixture bus{test::HelperFixture::Options{{}, "", false}};
+    test::HelperFixture bus{[] {
+        test::HelperFixture::Options options;
+        options.startHelper = false;
+        return options;
+    }()};
     TestDelegate delegate;
     std::unique_ptr<platform::DbusListener> listener;
 };
@@ -294,7 +300,9 @@ TEST_F(DbusListenerTest, ChecksArgumentTypesAndNamesTheKey) {
 
     // Large values travel whole; a reply too large for the bus is refused
     // rather than sent, which would cost the listener its connection.
+    // (A client being judged may not send this much; this one is accepted.)
     auto c = client();
+    EXPECT_FALSE(c->call("note", {}).busError);
     std::string text(4 << 20, 'k');
     auto outcome = c->call("echo", {{"text", text}, {"names", Array(1000, Value("n"))}}, 30s);
     ASSERT_FALSE(outcome.busError) << outcome.busError->message;
@@ -383,6 +391,36 @@ TEST_F(DbusListenerTest, AFloodingClientIsBoundedAndDelaysNobodyElse) {
     EXPECT_TRUE(waitFor([&] { return !flood->call("note", {}).busError; }));
     EXPECT_GE(delegate.notes, 60);
     EXPECT_LE(delegate.notes, 66);
+}
+
+// While a client is judged, only a few small requests of it are held, and
+// all clients being judged share one byte budget; the rest is refused at
+// once. Once accepted, the client may send large requests.
+TEST_F(DbusListenerTest, AClientBeingJudgedHasOnlyAFewSmallRequestsHeld) {
+    platform::DbusListener::Limits limits;
+    limits.maximumPendingBytes = 7 << 19;
+    startListener(limits);
+    delegate.decisionDelayMs = 300;
+    const std::string large(5 << 20, 'x'), medium(3 << 19, 'm');
+
+    auto judged = client();
+    for (int i = 0; i < 10; ++i) judged->call("note", {}, 5s, false);
+    auto outcome = judged->call("echo", {{"text", large}});
+    ASSERT_TRUE(outcome.busError);
+    EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_TRUE(waitFor([&] { return delegate.notes == 4; }));
+    EXPECT_EQ(judged->call("echo", {{"text", large}}).reply.at("result").asString()->size(), large.size());
+
+    // Two clients wait in line with 1.5 MiB each; a third one's 1 MiB would
+    // pass the 3.5 MiB that all of them may hold together.
+    auto first = client(), second = client(), third = client();
+    first->call("echo", {{"text", medium}}, 5s, false);
+    second->call("echo", {{"text", medium}}, 5s, false);
+    std::this_thread::sleep_for(100ms);
+    outcome = third->call("echo", {{"text", std::string(1 << 20, 't')}});
+    ASSERT_TRUE(outcome.busError);
+    EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_FALSE(third->call("note", {}).busError);
 }
 
 }  // namespace

@@ -174,13 +174,22 @@ int LinuxCodeSigning::checkValidity(const GuestCode& guest, const CodeRequiremen
     if (!parsed) {
         return kRequirementInvalid;
     }
-    const codesign::SignatureEvaluation evaluation = codesign::evaluateSignature(code->executable(), anchors_);
+    // The signer and the requirement are judged before the code is read:
+    // a refused caller costs no pass over its file, however large.
+    const codesign::Requirement& wanted = parsed->requirement();
+    const codesign::SignatureEvaluation evaluation =
+        codesign::evaluateSignature(code->executable(), anchors_, [&](const codesign::SignatureEvaluation& signer) {
+            return codesign::validityStatus(signer, wanted) == kSuccess;
+        });
     // Whatever the verdict, it is only about this process if the process is
     // still the one that ran the file that was read.
     if (const int status = code->stillSameCode(); status != kSuccess) {
         return status;
     }
-    return codesign::validityStatus(evaluation, parsed->requirement());
+    if (!evaluation.codeRead) {
+        return kRequirementFailed;
+    }
+    return codesign::validityStatus(evaluation, wanted);
 }
 
 std::unique_ptr<CodeSigning> makeSystemCodeSigning() {

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -73,11 +75,23 @@ struct DbusListener::Client {
 
     enum Decision { Undecided, Accepted, Refused };
 
+    // A request received while the client is judged.
+    struct Held {
+        const OperationSpec* operation;
+        std::shared_ptr<Call> call;
+        std::size_t bytes;
+    };
+
     const std::string name;
-    SerialQueue queue;
+    SerialQueue queue;  // the accepted client's requests
     std::atomic<std::size_t> waiting{0};
-    // Made once, on the queue; read by the bus thread too.
-    std::atomic<Decision> decision{Undecided};
+    std::atomic<std::size_t> waitingBytes{0};
+
+    std::mutex mutex;  // guards what follows
+    Decision decision = Undecided;
+    bool judging = false;
+    std::vector<Held> held;
+    std::size_t heldBytes = 0;
 };
 
 // Sends at most one reply; one that is never sent is answered with an error
@@ -171,7 +185,8 @@ DbusListener::DbusListener(std::string_view serviceName, ServiceListenerDelegate
     : names_(BusServiceNames::forService(serviceName)),
       delegate_(delegate),
       limits_(limits),
-      pool_(std::make_shared<WorkerPool>(limits.maximumWorkers)) {}
+      pool_(std::make_shared<WorkerPool>(limits.maximumWorkers)),
+      acceptanceQueue_(std::make_unique<SerialQueue>("com.tallowmar.korvo.utility.acceptance", pool_)) {}
 
 DbusListener::~DbusListener() {
     invalidate();
@@ -183,6 +198,7 @@ DbusListener::~DbusListener() {
         std::lock_guard lock(clientsMutex_);
         clients_.clear();
     }
+    acceptanceQueue_.reset();
     pool_.reset();
     object_.reset();
     queryProxy_.reset();
@@ -304,26 +320,99 @@ void DbusListener::receive(const OperationSpec& operation, sdbus::MethodCall mes
         if (!slot) slot = std::make_shared<Client>(name, pool_);
         client = slot;
     }
-    // A refused client's further requests are answered at once, so that they
-    // cannot pile up behind each other.
-    if (client->decision == Client::Refused) {
+    const std::size_t bytes = dbus::receivedBodySize(call->message);
+
+    std::unique_lock lock(client->mutex);
+    switch (client->decision) {
+    case Client::Refused:
+        // Answered at once, so that a refused client's requests never pile up.
+        lock.unlock();
         sendError(*call, kErrorAccessDenied, kAccessDeniedMessage);
         return;
+    case Client::Accepted:
+        lock.unlock();
+        if (client->waiting >= limits_.maximumQueuedPerClient ||
+            client->waitingBytes + bytes > limits_.maximumQueuedBytesPerClient) {
+            sendError(*call, kErrorLimitsExceeded, "Too many requests of this client are waiting; try again later.");
+            return;
+        }
+        requestStarted();
+        dispatch(client, operation, call, bytes);
+        return;
+    case Client::Undecided:
+        break;
     }
-    if (client->waiting >= limits_.maximumQueuedPerClient) {
-        sendError(*call, kErrorLimitsExceeded, "Too many requests of this client are waiting; try again later.");
+    if (!holdWhileJudged(*client, operation, call, bytes)) {
+        lock.unlock();
+        sendError(*call, kErrorLimitsExceeded,
+                  "The helper is still checking this client; it takes more requests once the client is accepted.");
         return;
     }
-    ++client->waiting;
-    {
-        std::lock_guard lock(inFlightMutex_);
-        ++inFlight_;
+    if (!client->judging) {
+        client->judging = true;
+        requestStarted();
+        acceptanceQueue_->async([this, client] {
+            judge(client);
+            requestFinished();
+        });
     }
-    client->queue.async([this, client, &operation, call] {
+}
+
+// Called by the bus thread alone, with the client's lock held.
+bool DbusListener::holdWhileJudged(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call,
+                                   std::size_t bytes) {
+    if (client.held.size() >= limits_.maximumPendingPerClient ||
+        client.heldBytes + bytes > limits_.maximumPendingBytesPerClient ||
+        pendingBytes_ + bytes > limits_.maximumPendingBytes) {
+        return false;
+    }
+    client.held.push_back({&operation, call, bytes});
+    client.heldBytes += bytes;
+    pendingBytes_ += bytes;
+    requestStarted();
+    return true;
+}
+
+void DbusListener::judge(const std::shared_ptr<Client>& client) {
+    const bool accepted = !invalidated_ && decideAcceptance(*client);
+    std::vector<Client::Held> refused;
+    {
+        std::lock_guard lock(client->mutex);
+        client->decision = accepted ? Client::Accepted : Client::Refused;
+        pendingBytes_ -= client->heldBytes;
+        client->heldBytes = 0;
+        // Queued under the lock, so that a request received meanwhile runs
+        // after the ones that were held.
+        if (accepted) {
+            for (const auto& held : client->held) dispatch(client, *held.operation, held.call, held.bytes);
+            client->held.clear();
+        } else {
+            refused = std::exchange(client->held, {});
+        }
+    }
+    for (const auto& held : refused) {
+        if (!invalidated_) sendError(*held.call, kErrorAccessDenied, kAccessDeniedMessage);
+        requestFinished();
+    }
+}
+
+// Queues a request that has been counted as started on the accepted
+// client's queue.
+void DbusListener::dispatch(const std::shared_ptr<Client>& client, const OperationSpec& operation,
+                            const std::shared_ptr<Call>& call, std::size_t bytes) {
+    ++client->waiting;
+    client->waitingBytes += bytes;
+    client->queue.async([this, client, &operation, call, bytes] {
         --client->waiting;
-        serve(*client, operation, call);
+        client->waitingBytes -= bytes;
+        serve(operation, call);
         requestFinished();
     });
+}
+
+void DbusListener::requestStarted() {
+    std::lock_guard lock(inFlightMutex_);
+    ++inFlight_;
 }
 
 void DbusListener::requestFinished() {
@@ -331,16 +420,8 @@ void DbusListener::requestFinished() {
     if (--inFlight_ == 0) allRequestsFinished_.notify_all();
 }
 
-void DbusListener::serve(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call) {
+void DbusListener::serve(const OperationSpec& operation, const std::shared_ptr<Call>& call) {
     if (invalidated_) return;
-    if (client.decision == Client::Undecided) {
-        client.decision = decideAcceptance(client) ? Client::Accepted : Client::Refused;
-    }
-    if (client.decision == Client::Refused) {
-        sendError(*call, kErrorAccessDenied, kAccessDeniedMessage);
-        return;
-    }
-
     dbus::DecodedDictionary decoded;
     try {
         decoded = dbus::readDictionary(call->message);
@@ -366,7 +447,7 @@ void DbusListener::serve(Client& client, const OperationSpec& operation, const s
 }
 
 bool DbusListener::decideAcceptance(Client& client) {
-    ServiceConnection connection{client.name, std::nullopt, std::nullopt};
+    ServiceConnection connection{client.name, std::nullopt, std::nullopt, {}};
     try {
         std::map<std::string, sdbus::Variant> credentials;
         queryProxy_->callMethod("GetConnectionCredentials")
@@ -381,6 +462,14 @@ bool DbusListener::decideAcceptance(Client& client) {
         if (auto it = credentials.find("UnixUserID");
             it != credentials.end() && it->second.containsValueOfType<std::uint32_t>()) {
             connection.userIdentifier = static_cast<uid_t>(it->second.get<std::uint32_t>());
+        }
+        // The effective and supplementary groups of the client when it
+        // connected, as the kernel froze them (SO_PEERCRED, SO_PEERGROUPS).
+        if (auto it = credentials.find("UnixGroupIDs");
+            it != credentials.end() && it->second.containsValueOfType<std::vector<std::uint32_t>>()) {
+            for (const auto gid : it->second.get<std::vector<std::uint32_t>>()) {
+                connection.groupIdentifiers.push_back(static_cast<gid_t>(gid));
+            }
         }
     } catch (const sdbus::Error&) {
         // The client has left the bus already; it stays unidentified.

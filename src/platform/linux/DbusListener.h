@@ -4,9 +4,10 @@
 //
 // Every client (a unique bus name) gets a serial queue on a bounded worker
 // pool: one client's requests run in order, different clients' concurrently,
-// and the bus thread itself never runs a request. A client's credentials are
-// asked of the bus once, on its queue, and its acceptance is kept until it
-// leaves the bus, when all its state is dropped.
+// and the bus thread itself never runs a request. A client is judged once,
+// on the one acceptance queue, before any of its requests is decoded; until
+// then only a few small requests of it are held, and its decision is kept
+// until it leaves the bus, when all its state is dropped.
 #pragma once
 
 #include <atomic>
@@ -29,6 +30,7 @@ class MethodCall;
 }  // namespace sdbus
 
 namespace korvo {
+class SerialQueue;
 class WorkerPool;
 }
 
@@ -48,11 +50,19 @@ struct BusServiceNames {
 class DbusListener final : public ServiceListener {
 public:
     struct Limits {
-        // Threads that run requests; each client occupies at most one.
+        // Threads that run requests; each client occupies at most one, and
+        // all acceptance decisions together occupy one.
         std::size_t maximumWorkers = 32;
-        // Requests of one client waiting for their turn; more are refused
-        // with LimitsExceeded.
+        // Requests of an accepted client waiting for their turn, and their
+        // bytes; more are refused with LimitsExceeded.
         std::size_t maximumQueuedPerClient = 256;
+        std::size_t maximumQueuedBytesPerClient = std::size_t{64} << 20;
+        // While a client is being judged, the requests it may have waiting
+        // and their bytes, and the bytes of all such clients together; more
+        // are refused at once, never held.
+        std::size_t maximumPendingPerClient = 4;
+        std::size_t maximumPendingBytesPerClient = std::size_t{4} << 20;
+        std::size_t maximumPendingBytes = std::size_t{16} << 20;
     };
 
     DbusListener(std::string_view serviceName, ServiceListenerDelegate& delegate);
@@ -77,8 +87,14 @@ private:
 
     static void sendError(Call& call, const std::string& name, const std::string& text);
     void receive(const OperationSpec& operation, sdbus::MethodCall call);
-    void serve(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call);
+    bool holdWhileJudged(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call,
+                         std::size_t bytes);
+    void judge(const std::shared_ptr<Client>& client);
+    void dispatch(const std::shared_ptr<Client>& client, const OperationSpec& operation,
+                  const std::shared_ptr<Call>& call, std::size_t bytes);
+    void serve(const OperationSpec& operation, const std::shared_ptr<Call>& call);
     bool decideAcceptance(Client& client);
+    void requestStarted();
     void clientLeft(const std::string& name);
     void eventLoop();
     void flushOutgoing();
@@ -93,6 +109,10 @@ private:
     std::unique_ptr<sdbus::IConnection> queryConnection_;  // credential look-ups from the workers
     std::unique_ptr<sdbus::IProxy> queryProxy_;
     std::shared_ptr<WorkerPool> pool_;
+    // Acceptance decisions, one at a time: however many connections a
+    // caller opens, judging them never takes more than one worker.
+    std::unique_ptr<SerialQueue> acceptanceQueue_;
+    std::atomic<std::size_t> pendingBytes_{0};  // held by clients being judged
 
     mutable std::mutex clientsMutex_;
     std::map<std::string, std::shared_ptr<Client>> clients_;

@@ -1,8 +1,12 @@
 #include "platform/linux/DbusValueCodec.h"
 
+#include <systemd/sd-bus.h>
+
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
+#include <string_view>
 
 #include <sdbus-c++/Error.h>
 #include <sdbus-c++/Types.h>
@@ -230,7 +234,53 @@ std::size_t sizeEstimate(const Value& v) {
     }
 }
 
+// sdbus-c++ 1.2 keeps the sd-bus message to itself; a derived type may
+// name the member, and the pointer to it reads any message.
+struct RawMessage : sdbus::Message {
+    static sd_bus_message* of(const sdbus::Message& m) { return static_cast<sd_bus_message*>(m.*(&RawMessage::msg_)); }
+};
+
+// Bytes of the items from the read position to the end of the current
+// container; each item counts at least its 8-byte alignment slot.
+std::size_t itemsSize(sd_bus_message* m) {
+    constexpr std::string_view kFixedTypes = "ybnqiuxtdh";
+    std::size_t total = 0;
+    char type = 0;
+    const char* contents = nullptr;
+    while (sd_bus_message_peek_type(m, &type, &contents) > 0) {
+        const bool fixedArray = type == 'a' && contents && std::strlen(contents) == 1 &&
+                                kFixedTypes.find(contents[0]) != std::string_view::npos;
+        if (fixedArray) {
+            const void* items = nullptr;
+            std::size_t size = 0;
+            if (sd_bus_message_read_array(m, contents[0], &items, &size) < 0) break;
+            total += 8 + size;
+        } else if (type == 'a' || type == 'v' || type == 'r' || type == 'e') {
+            if (sd_bus_message_enter_container(m, type, contents) < 0) break;
+            total += 8 + itemsSize(m);
+            if (sd_bus_message_exit_container(m) < 0) break;
+        } else if (type == 's' || type == 'o' || type == 'g') {
+            const char* text = nullptr;
+            if (sd_bus_message_read_basic(m, type, &text) < 0) break;
+            total += 8 + (text ? std::strlen(text) : 0);
+        } else {
+            std::uint64_t scratch = 0;
+            if (sd_bus_message_read_basic(m, type, &scratch) < 0) break;
+            total += 8;
+        }
+    }
+    return total;
+}
+
 }  // namespace
+
+std::size_t receivedBodySize(sdbus::Message& message) {
+    sd_bus_message* m = RawMessage::of(message);
+    if (!m) return 0;
+    const std::size_t size = itemsSize(m);
+    sd_bus_message_rewind(m, 1);
+    return size;
+}
 
 std::size_t encodedSizeEstimate(const Dictionary& d) {
     std::size_t total = kItemOverhead;

@@ -40,6 +40,13 @@ void writeDictionary(sdbus::Message& message, const Dictionary& d,
 // size limit: the bus drops a connection that sends a larger message.
 std::size_t encodedSizeEstimate(const Dictionary& d);
 
+// About how many bytes the body of a received message holds, found by
+// walking it without copying anything (strings and arrays of fixed-size
+// items are measured where they lie); the read position is back at the
+// start afterwards. Lets the listener account for what it holds before it
+// decodes anything.
+std::size_t receivedBodySize(sdbus::Message& message);
+
 // The D-Bus signature an argument of this type travels as.
 std::string signatureForArgumentType(ArgumentType type);
 

@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 #include <openssl/objects.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -200,8 +201,21 @@ StepResult judgeTrust(X509* leaf, STACK_OF(X509)* certs, const CodeSigningAnchor
     return std::nullopt;
 }
 
+StepResult checkFileSize(int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        return failure(CodeSignState::CouldNotCheck, formatString("cannot examine the file: %s", std::strerror(errno)));
+    }
+    if (static_cast<std::uint64_t>(st.st_size) > kMaximumCheckedFileSize) {
+        return failure(CodeSignState::CouldNotCheck,
+                       formatString("the file is larger than %llu MiB; it is not read",
+                                    static_cast<unsigned long long>(kMaximumCheckedFileSize >> 20)));
+    }
+    return std::nullopt;
+}
+
 // anchors == nullptr: describe only (no trust, no digest).
-SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
+SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors, const SignerGate& beforeReadingCode) {
     SignatureEvaluation e;
     auto finish = [&](StepFailure f) {
         e.state = f.state;
@@ -210,6 +224,9 @@ SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
         return e;
     };
 
+    if (anchors) {
+        if (auto f = checkFileSize(fd)) return finish(std::move(*f));
+    }
     BlockReadResult read = readSignatureBlock(fd);
     switch (read.status) {
     case BlockStatus::Found:
@@ -233,6 +250,14 @@ SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
     if (!anchors) return finish({CodeSignState::Valid, {}});
     if (auto f = judgeTrust(leaf, certs.get(), *anchors, e)) return finish(std::move(*f));
 
+    // Everything above costs the same whatever the size of the file; the
+    // one pass over the code comes last, and only for a signer that the
+    // caller still wants.
+    if (beforeReadingCode && !beforeReadingCode(e)) {
+        e.codeRead = false;
+        ERR_clear_error();
+        return e;
+    }
     std::string digestDetail;
     switch (checkCodeDigest(fd, block.codeLength, block.directory.codeDigest, digestDetail)) {
     case DigestOutcome::Match:
@@ -250,8 +275,10 @@ SignatureEvaluation evaluate(int fd, const CodeSigningAnchors* anchors) {
 
 }  // namespace
 
-SignatureEvaluation evaluateSignature(int fd, const CodeSigningAnchors& anchors) { return evaluate(fd, &anchors); }
+SignatureEvaluation evaluateSignature(int fd, const CodeSigningAnchors& anchors, const SignerGate& beforeReadingCode) {
+    return evaluate(fd, &anchors, beforeReadingCode);
+}
 
-SignatureEvaluation describeSignature(int fd) { return evaluate(fd, nullptr); }
+SignatureEvaluation describeSignature(int fd) { return evaluate(fd, nullptr, {}); }
 
 }  // namespace korvo::platform::codesign
