@@ -155,6 +155,21 @@ TEST_F(CodeSigningTest, UnsignedFilesInRootOnlyFoldersAreSystemExecutables) {
     EXPECT_EQ(signing.codeSignStateForExecutable(broken), CodeSignState::NotVerifiable);
 }
 
+// A file beyond the size bound is not read at all, whatever its tail says:
+// here a 4 GiB sparse file that ends in a real signature block.
+TEST_F(CodeSigningTest, AFileBeyondTheSizeBoundIsNotChecked) {
+    const std::string valid = dir.file("valid");
+    signedCopy(kSmallProgram, valid, kClientIdentifier);
+    const auto bytes = readBytes(valid);
+    const std::string huge = dir.file("huge");
+    const platform::codesign::UniqueFd fd(::open(huge.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0755));
+    ASSERT_TRUE(fd.valid());
+    const off_t end = off_t{4} << 30;
+    ASSERT_EQ(::pwrite(fd.get(), bytes.data(), bytes.size(), end - static_cast<off_t>(bytes.size())),
+              static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(signing.codeSignStateForExecutable(huge), CodeSignState::CouldNotCheck);
+}
+
 class ClientAcceptanceTest : public CodeSigningTest {
 protected:
     // The three steps of acceptance for a copy of a small program running
@@ -202,6 +217,15 @@ TEST_F(ClientAcceptanceTest, OnlyTheSignedClientSatisfiesTheRequirement) {
     bytes[bytes.size() / 3] ^= 0x80;
     writeBytes(modified, bytes);
     EXPECT_EQ(accept(modified), status::kSignatureFailed);
+
+    // Another team's changed file is refused for its signer, before the
+    // code is read.
+    const std::string otherModified = dir.file("othermodified");
+    fs::copy_file(otherTeam, otherModified);
+    bytes = readBytes(otherModified);
+    bytes[bytes.size() / 3] ^= 0x80;
+    writeBytes(otherModified, bytes);
+    EXPECT_EQ(accept(otherModified), status::kRequirementFailed);
 
     const std::string unsignedCopy = dir.file("unsigned");
     fs::copy_file(kSmallProgram, unsignedCopy);
