@@ -104,57 +104,6 @@ TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
     EXPECT_EQ(readBytes(program), before);
 }
 
-// The rule needs a folder chain that only root can write to; the build tree
-// normally is one.
-TEST_F(CodeSigningTest, UnsignedFilesInRootOnlyFoldersAreSystemExecutables) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root to own the test files";
-    }
-    TempDir closed(fs::path(KORVO_TEST_CA_DIR).parent_path());
-    ASSERT_EQ(::chmod(closed.path().c_str(), 0755), 0);
-    char resolved[PATH_MAX];
-    ASSERT_TRUE(::realpath(closed.path().c_str(), resolved));
-    for (fs::path p = resolved; p != p.root_path(); p = p.parent_path()) {
-        struct stat st {};
-        ASSERT_EQ(::stat(p.c_str(), &st), 0);
-        if (st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH))) {
-            GTEST_SKIP() << p << " is not a root-only folder";
-        }
-    }
-
-    const std::string system = closed.file("tool");
-    fs::copy_file(kSmallProgram, system);
-    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Valid);
-    EXPECT_EQ(signing.codeSignStateForExecutable(kSmallProgram), CodeSignState::Valid);
-
-    // Reached through a link in a world-writable folder: judged by the target.
-    const std::string link = dir.file("link-to-system");
-    fs::create_symlink(system, link);
-    EXPECT_EQ(signing.codeSignStateForExecutable(link), CodeSignState::Valid);
-
-    // The file itself writable by the group.
-    ASSERT_EQ(::chmod(system.c_str(), 0775), 0);
-    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Unsigned);
-    ASSERT_EQ(::chmod(system.c_str(), 0755), 0);
-
-    // A parent writable by the group.
-    const fs::path open = closed.path() / "shared";
-    fs::create_directory(open);
-    ASSERT_EQ(::chmod(open.c_str(), 0775), 0);
-    const std::string inOpen = (open / "tool").string();
-    fs::copy_file(kSmallProgram, inOpen);
-    EXPECT_EQ(signing.codeSignStateForExecutable(inOpen), CodeSignState::Unsigned);
-
-    // Not owned by root.
-    ASSERT_EQ(::chown(system.c_str(), 1, 1), 0);
-    EXPECT_EQ(signing.codeSignStateForExecutable(system), CodeSignState::Unsigned);
-
-    // A signed file in the same place is judged by its signature alone.
-    const std::string broken = closed.file("broken");
-    signedCopy(kSmallProgram, broken, "com.tallowmar.broken", kOtherCaSigner);
-    EXPECT_EQ(signing.codeSignStateForExecutable(broken), CodeSignState::NotVerifiable);
-}
-
 // A file beyond the size bound is not read at all, whatever its tail says:
 // here a 4 GiB sparse file that ends in a real signature block.
 TEST_F(CodeSigningTest, AFileBeyondTheSizeBoundIsNotChecked) {
