@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,6 +14,9 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -78,7 +83,16 @@ std::pair<UniqueFd, UniqueFd> makePipe() {
     return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
-std::string busConfiguration(const std::string& socketPath) {
+std::string busConfiguration(const std::string& socketPath, HelperFixture::Options::BusPolicy policy) {
+    const std::string helperPolicy =
+        policy == HelperFixture::Options::BusPolicy::Open
+            ? std::string("  <policy user=\"root\">\n"
+                          "    <allow own=\"") + kHelperBusName + "\"/>\n"
+                          "  </policy>\n"
+                          "  <policy context=\"default\">\n"
+                          "    <allow send_destination=\"" + kHelperBusName + "\"/>\n"
+                          "  </policy>\n"
+            : "  <include ignore_missing=\"no\">" KORVO_BUS_POLICY_FILE "</include>\n";
     return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig>\n"
@@ -99,9 +113,61 @@ std::string busConfiguration(const std::string& socketPath) {
            "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
            "    <allow send_destination=\"org.freedesktop.DBus\" "
            "send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
-           "  </policy>\n"
-           "  <include ignore_missing=\"no\">" KORVO_BUS_POLICY_FILE "</include>\n"
-           "</busconfig>\n";
+           "  </policy>\n" +
+           helperPolicy + "</busconfig>\n";
+}
+
+// Writes a copy of /etc/group with a group "korvo" of an unused gid (below
+// 1000) and no members to copyPath and mounts it over /etc/group. Refused
+// outside tests/support/isolated, whose mount namespace keeps it from the
+// machine.
+std::optional<std::string> mountGroupFileWithKorvo(const std::filesystem::path& copyPath, gid_t& gid) {
+    if (const char* isolated = std::getenv("KORVO_ISOLATED"); isolated == nullptr || std::string(isolated) != "1") {
+        return std::string("a group \"korvo\" is made only inside tests/support/isolated");
+    }
+    std::set<gid_t> used;
+    std::string kept;
+    for (const auto& [file, gidField] : {std::pair<const char*, int>{"/etc/group", 2}, {"/etc/passwd", 3}}) {
+        std::ifstream in(file);
+        for (std::string line; std::getline(in, line);) {
+            std::vector<std::string> fields;
+            std::istringstream split(line);
+            for (std::string field; std::getline(split, field, ':');) fields.push_back(field);
+            if (static_cast<int>(fields.size()) > gidField) used.insert(static_cast<gid_t>(std::atol(fields[gidField].c_str())));
+            if (std::string(file) == "/etc/group" && !fields.empty() && fields[0] != "korvo") kept += line + "\n";
+        }
+    }
+    for (gid = 999; gid > 100 && used.count(gid) != 0;) --gid;
+    std::ofstream(copyPath) << kept << "korvo:x:" << gid << ":\n";
+    if (::chmod(copyPath.c_str(), 0644) != 0 || ::mount(copyPath.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+        return std::string("private /etc/group: ") + std::strerror(errno);
+    }
+    return std::nullopt;
+}
+
+// Runs argv with the bus's address and the environment additions, its output
+// collected in files in directory.
+CommandResult runCommand(const std::filesystem::path& directory, const std::string& busAddress,
+                         const std::vector<std::string>& argv, std::map<std::string, std::string> environment,
+                         std::chrono::milliseconds timeout) {
+    static std::atomic<int> runs{0};
+    const std::string base = (directory / ("client" + std::to_string(runs++))).string();
+    const auto open = [](const std::string& path) {
+        return UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    };
+    const auto read = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
+    CommandResult result;
+    environment["DBUS_SYSTEM_BUS_ADDRESS"] = busAddress;
+    const auto child = spawn(argv, environmentWith(environment), open(base + ".out").get(), open(base + ".err").get());
+    if (!child) return result;
+    if (!child->waitForExit(static_cast<double>(timeout.count()) / 1000.0)) child->sendSignal(SIGKILL);
+    result.exitStatus = waitForExit(*child, std::chrono::seconds(10)).value_or(-1);
+    result.standardOutput = read(base + ".out");
+    result.standardError = read(base + ".err");
+    return result;
 }
 
 }  // namespace
@@ -112,6 +178,8 @@ struct HelperFixture::State {
     std::string busAddress;
     std::shared_ptr<ChildProcess> bus, helper;
     std::optional<int> helperExitStatus;
+    gid_t korvoGroupId = static_cast<gid_t>(-1);
+    bool groupFileMounted = false;
     std::unique_ptr<KorvoClient> client;
 
     mutable std::mutex logMutex;
@@ -131,15 +199,39 @@ HelperFixture::~HelperFixture() { stop(); }
 
 std::string HelperFixture::defaultHelperPath() { return KORVO_HELPER_BINARY_PATH; }
 std::string HelperFixture::korvoctlPath() { return KORVOCTL_BINARY_PATH; }
+std::string HelperFixture::signedCallerPath() { return KORVO_TEST_CALLER_PATH; }
+std::string HelperFixture::unsignedCallerPath() { return KORVO_TEST_CALLER_UNSIGNED_PATH; }
+std::string HelperFixture::payloadLibraryPath() { return KORVO_TEST_PAYLOAD_PATH; }
+
+std::string HelperFixture::installProgram(const std::string& source, const std::string& destination, gid_t group,
+                                          mode_t mode, off_t extendTo) {
+    namespace fs = std::filesystem;
+    fs::create_directories(fs::path(destination).parent_path());
+    fs::copy_file(source, destination, fs::copy_options::overwrite_existing);
+    if (static_cast<std::uintmax_t>(extendTo) > fs::file_size(destination) && ::truncate(destination.c_str(), extendTo) != 0) {
+        throw std::runtime_error("truncate " + destination + ": " + std::strerror(errno));
+    }
+    // chown clears the setgid bit: the mode comes after it.
+    if (::chown(destination.c_str(), 0, group) != 0 || ::chmod(destination.c_str(), mode) != 0) {
+        throw std::runtime_error("chown/chmod " + destination + ": " + std::strerror(errno));
+    }
+    return destination;
+}
 
 std::optional<std::string> HelperFixture::start() {
     auto& s = *state_;
     char directoryTemplate[] = "/tmp/korvo-bus-XXXXXX";
     if (::mkdtemp(directoryTemplate) == nullptr) return std::string("mkdtemp: ") + std::strerror(errno);
     s.directory = directoryTemplate;
+    // Clients run as nobody reach the bus's socket in here.
+    ::chmod(s.directory.c_str(), 0711);
+    if (s.options.korvoGroup) {
+        if (auto problem = mountGroupFileWithKorvo(s.directory / "group", s.korvoGroupId)) return problem;
+        s.groupFileMounted = true;
+    }
 
     const auto configPath = s.directory / "bus.conf";
-    std::ofstream(configPath) << busConfiguration((s.directory / "system_bus_socket").string());
+    std::ofstream(configPath) << busConfiguration((s.directory / "system_bus_socket").string(), s.options.busPolicy);
 
     // The bus prints its address once it is listening.
     auto [addressRead, addressWrite] = makePipe();
@@ -238,26 +330,18 @@ pid_t HelperFixture::helperPid() const { return state_->helper ? state_->helper-
 std::string HelperFixture::busAddress() const { return state_->busAddress; }
 
 CommandResult HelperFixture::runClient(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) const {
-    // The client's output goes to files in the bus's directory.
-    static std::atomic<int> runs{0};
-    const std::string base = (state_->directory / ("client" + std::to_string(runs++))).string();
-    const auto open = [](const std::string& path) {
-        return UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    };
-    const auto read = [](const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    };
-    CommandResult result;
-    const auto child = spawn(argv, environmentWith({{"DBUS_SYSTEM_BUS_ADDRESS", state_->busAddress}}),
-                             open(base + ".out").get(), open(base + ".err").get());
-    if (!child) return result;
-    if (!child->waitForExit(static_cast<double>(timeout.count()) / 1000.0)) child->sendSignal(SIGKILL);
-    result.exitStatus = waitForExit(*child, std::chrono::seconds(10)).value_or(-1);
-    result.standardOutput = read(base + ".out");
-    result.standardError = read(base + ".err");
-    return result;
+    return runCommand(state_->directory, state_->busAddress, argv, {}, timeout);
 }
+
+CommandResult HelperFixture::runClientAsNobody(const std::vector<std::string>& argv,
+                                               const std::map<std::string, std::string>& environment,
+                                               std::chrono::milliseconds timeout) const {
+    std::vector<std::string> command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"};
+    command.insert(command.end(), argv.begin(), argv.end());
+    return runCommand(state_->directory, state_->busAddress, command, environment, timeout);
+}
+
+gid_t HelperFixture::korvoGroupId() const { return state_->korvoGroupId; }
 
 std::optional<int> HelperFixture::waitForHelperExit(std::chrono::milliseconds timeout) {
     auto& s = *state_;
@@ -276,6 +360,10 @@ void HelperFixture::stop() {
     if (s.logReader.joinable()) s.logReader.join();
     endProcess(s.bus);
     s.bus.reset();
+    if (s.groupFileMounted) {
+        ::umount2("/etc/group", MNT_DETACH);
+        s.groupFileMounted = false;
+    }
     if (!s.directory.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(s.directory, ignored);

@@ -7,6 +7,11 @@
 // the helper's reply dictionary ("error", "pid", "result", or empty); a
 // refusal by the bus itself comes back as {"busError": name, "busMessage":
 // text}.
+//
+// For tests of who may call: the bus policy as installed or open to all, a
+// group "korvo" in the namespace, clients run as user nobody, and copies of
+// the test caller (TestCaller.cpp) installed with the owner and mode a test
+// needs.
 #pragma once
 
 #include <sys/types.h>
@@ -39,6 +44,15 @@ public:
         std::string helperPath;
         // false: start only the bus (for tests that serve on it themselves).
         bool startHelper = true;
+        // Installed: the system bus's default policy (method calls denied)
+        // with the installed policy file of the helper included. Open: root
+        // owns the helper's name and anyone may call it, so that only the
+        // helper's own check refuses a caller.
+        enum class BusPolicy { Installed, Open } busPolicy = BusPolicy::Installed;
+        // Gives the namespace a group "korvo" with an unused gid and no
+        // members before the bus and the helper start: a copy of /etc/group
+        // bind-mounted over it. Only inside tests/support/isolated.
+        bool korvoGroup = false;
     };
 
     HelperFixture();
@@ -73,6 +87,15 @@ public:
     // korvoctl and other clients) and collects its output.
     CommandResult runClient(const std::vector<std::string>& argv,
                             std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+    // The same as user nobody (uid 65534, gid nogroup, no supplementary
+    // groups), with the environment additions. A setgid program ignores
+    // DBUS_SYSTEM_BUS_ADDRESS: give it busAddress() itself.
+    CommandResult runClientAsNobody(const std::vector<std::string>& argv,
+                                    const std::map<std::string, std::string>& environment = {},
+                                    std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+
+    // The gid of the group "korvo" made for Options::korvoGroup; -1 without.
+    gid_t korvoGroupId() const;
 
     // Waits for the helper to exit on its own; its exit status, -1 when a
     // signal ended it, nullopt when it is still running after timeout.
@@ -84,6 +107,18 @@ public:
     // The helper and korvoctl binaries of this build.
     static std::string defaultHelperPath();
     static std::string korvoctlPath();
+    // The test caller signed as the client application, the same program
+    // unsigned, and a library for LD_PRELOAD that creates the file named by
+    // KORVO_PAYLOAD_MARKER when it is loaded.
+    static std::string signedCallerPath();
+    static std::string unsignedCallerPath();
+    static std::string payloadLibraryPath();
+
+    // Copies source to destination, owned by root and group, with mode
+    // (setgid bits included), extended to extendTo bytes when that is larger
+    // (sparse). Returns destination; throws std::runtime_error on failure.
+    static std::string installProgram(const std::string& source, const std::string& destination, gid_t group,
+                                      mode_t mode, off_t extendTo = 0);
 
 private:
     struct State;
