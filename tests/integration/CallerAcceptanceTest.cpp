@@ -48,7 +48,7 @@ protected:
         return {program, "call", helper.busAddress(), "terminateWithReply"};
     }
 
-    HelperFixture helper{[this] {
+    HelperFixture helper{[] {
         HelperFixture::Options options;
         options.busPolicy = GetParam();
         options.korvoGroup = true;
