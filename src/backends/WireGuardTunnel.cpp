@@ -13,6 +13,7 @@
 #include "util/CharacterSets.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
+#include "util/IntegerScan.h"
 
 namespace korvo {
 namespace {
@@ -21,34 +22,6 @@ constexpr std::int64_t kHelperProblemCode = 55;
 constexpr std::chrono::milliseconds kControlSocketTimeout{5000};
 constexpr std::chrono::milliseconds kControlSocketPollInterval{100};
 
-// The number at the start of the text as a number scanner reads it: leading
-// white space, an optional sign, then digits; 0 when there are none, and
-// saturated at the limits of long.
-long integerValue(std::string_view text) {
-    size_t position = 0;
-    while (position < text.size()) {
-        size_t next = position;
-        if (!isWhitespaceOrNewline(nextCodePoint(text, next))) break;
-        position = next;
-    }
-    bool negative = false;
-    if (position < text.size() && (text[position] == '+' || text[position] == '-')) {
-        negative = text[position] == '-';
-        ++position;
-    }
-    long value = 0;
-    for (; position < text.size() && text[position] >= '0' && text[position] <= '9'; ++position) {
-        const int digit = text[position] - '0';
-        if (negative) {
-            if (value < (LONG_MIN + digit) / 10) return LONG_MIN;
-            value = value * 10 - digit;
-        } else {
-            if (value > (LONG_MAX - digit) / 10) return LONG_MAX;
-            value = value * 10 + digit;
-        }
-    }
-    return value;
-}
 
 // The service object's interface service; the platform's own when it was
 // made without one.
@@ -96,8 +69,13 @@ MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& i
     const auto slash = text.find('/');
     const std::string host(trimmedWhitespaceAndNewlines(text.substr(0, slash)));
     if (host.empty()) return std::nullopt;
-    long prefixLength = 32;
-    if (slash != std::string_view::npos) prefixLength = integerValue(text.substr(text.rfind('/') + 1));
+    // A piece that is not a number reads as 0, which both families below
+    // raise to a host prefix.
+    std::int64_t prefixLength = 32;
+    if (slash != std::string_view::npos) {
+        const auto scanned = scanInteger(text.substr(text.rfind('/') + 1));
+        prefixLength = scanned ? scanned->value : 0;
+    }
 
     if (host.find(':') != std::string::npos) {
         if (prefixLength < 1 || prefixLength > 128) prefixLength = 128;

@@ -5,10 +5,12 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <optional>
 #include <limits>
 #include <string>
 
 #include "util/AddressAdditions.h"
+#include "util/IntegerScan.h"
 
 namespace korvo {
 namespace {
@@ -25,26 +27,7 @@ bool parseAddress(int family, std::string_view text, std::uint8_t* out) {
     return inet_pton(family, std::string(text).c_str(), out) == 1;
 }
 
-bool isWhiteSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
-
 }  // namespace
-
-std::int64_t integerValueOfString(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size() && isWhiteSpace(text[i])) ++i;
-    bool negative = false;
-    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-    // Counted up to one past the largest int64, where it stops: that is
-    // already INT64_MIN for a negative number and saturates a positive one.
-    constexpr std::uint64_t kCap = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1;
-    std::uint64_t magnitude = 0;
-    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
-        const auto digit = static_cast<std::uint64_t>(text[i] - '0');
-        magnitude = magnitude > (kCap - digit) / 10 ? kCap : magnitude * 10 + digit;
-    }
-    if (negative) return magnitude == kCap ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(magnitude);
-    return magnitude == kCap ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(magnitude);
-}
 
 Result<GatewayRoute> gatewayRouteForOperation(std::string_view action, std::string_view destination,
                                               std::string_view gateway, bool isIPv6) {
@@ -55,9 +38,14 @@ Result<GatewayRoute> gatewayRouteForOperation(std::string_view action, std::stri
         return invalidParameter("Invalid CIDR destination '", destination);
     }
     const std::int64_t maximumPrefix = isIPv6 ? 128 : 32;
-    std::int64_t prefix = maximumPrefix;
-    if (slash != std::string_view::npos) prefix = integerValueOfString(destination.substr(slash + 1));
-    if (prefix < 0 || prefix > maximumPrefix) return invalidParameter("Invalid prefix length in destination '", destination);
+    // A prefix that is not a clean number is refused rather than read as 0,
+    // which would turn "10.1.0.0/x24" into a default route.
+    const std::optional<std::int64_t> readPrefix =
+        slash == std::string_view::npos ? maximumPrefix : wholeInteger(destination.substr(slash + 1));
+    if (!readPrefix || *readPrefix < 0 || *readPrefix > maximumPrefix) {
+        return invalidParameter("Invalid prefix length in destination '", destination);
+    }
+    const std::int64_t prefix = *readPrefix;
 
     GatewayRoute route;
     route.type = action == "add" ? platform::kRouteMessageAdd : platform::kRouteMessageDelete;

@@ -20,16 +20,11 @@ struct GatewayRoute {
 };
 
 // Reads a route through a gateway. action "add" adds; anything else deletes.
-// destination is "address[/prefix]"; the prefix defaults to the full length
-// and is read as integerValueOfString reads it. An IPv4 destination may be
+// destination is "address[/prefix]"; the prefix defaults to the full length,
+// and one that is not a clean number (wholeInteger) is refused. An IPv4 destination may be
 // abbreviated ("10/8"); an IPv6 gateway may carry a scope ("fe80::1%en0").
 // Failures are code 64 with the message naming the piece that is wrong.
 Result<GatewayRoute> gatewayRouteForOperation(std::string_view action, std::string_view destination,
                                               std::string_view gateway, bool isIPv6);
-
-// The leading integer of a text, as Foundation's integerValue reads it:
-// leading white space, an optional sign, then decimal digits up to the first
-// other character. No digits gives 0; values beyond 64 bits saturate.
-std::int64_t integerValueOfString(std::string_view text);
 
 }  // namespace korvo

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "util/CharacterSets.h"
+#include "util/IntegerScan.h"
 
 namespace korvo {
 
@@ -25,37 +26,6 @@ bool parsesAsAddress(int family, std::string_view text) {
 }
 
 bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Reads a signed decimal integer the way a number scanner does: leading white
-// space skipped, an optional sign, at least one digit; a value beyond 64 bits
-// saturates. True only when the whole text is consumed.
-bool scanWholeInteger(std::string_view text, std::int64_t& value) {
-    std::size_t index = 0;
-    while (index < text.size()) {
-        std::size_t next = index;
-        if (!isWhitespaceOrNewline(nextCodePoint(text, next))) break;
-        index = next;
-    }
-    bool negative = false;
-    if (index < text.size() && (text[index] == '+' || text[index] == '-')) {
-        negative = text[index] == '-';
-        ++index;
-    }
-    const std::size_t digitsStart = index;
-    constexpr std::uint64_t kLimit = static_cast<std::uint64_t>(INT64_MAX) + 1;
-    std::uint64_t magnitude = 0;
-    for (; index < text.size() && isAsciiDigit(text[index]); ++index) {
-        const auto digit = static_cast<std::uint64_t>(text[index] - '0');
-        magnitude = magnitude > (kLimit - digit) / 10 ? kLimit : magnitude * 10 + digit;
-    }
-    if (index == digitsStart || index != text.size()) return false;
-    if (negative) {
-        value = magnitude == kLimit ? INT64_MIN : -static_cast<std::int64_t>(magnitude);
-    } else {
-        value = magnitude >= kLimit ? INT64_MAX : static_cast<std::int64_t>(magnitude);
-    }
-    return true;
-}
 
 bool isDefaultRouteCIDR(int family, std::string_view text) {
     const auto prefix = prefixLengthFromCIDR(text);
@@ -86,9 +56,8 @@ std::optional<std::int64_t> prefixLengthFromCIDR(std::string_view text) {
     const std::string_view trimmed = trimmedWhitespaceAndNewlines(text);
     const std::size_t slash = trimmed.find('/');
     if (slash == std::string_view::npos || slash + 1 == trimmed.size()) return std::nullopt;
-    std::int64_t value = 0;
-    if (!scanWholeInteger(trimmed.substr(slash + 1), value)) return std::nullopt;
-    if (value < 0 || value > 128) return std::nullopt;
+    const auto value = wholeInteger(trimmed.substr(slash + 1));
+    if (!value || *value < 0 || *value > 128) return std::nullopt;
     return value;
 }
 

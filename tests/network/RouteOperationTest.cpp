@@ -50,6 +50,10 @@ TEST(RouteOperation, RefusesMalformedOperationsWithCode64BeforeTheTableSeesThem)
         {"/24", "192.0.2.1", false, "Invalid CIDR destination '/24'."},
         {"10.0.0.0/33", "192.0.2.1", false, "Invalid prefix length in destination '10.0.0.0/33'."},
         {"10.0.0.0/-1", "192.0.2.1", false, "Invalid prefix length in destination '10.0.0.0/-1'."},
+        // Not a clean number: refused, never read as prefix 0 (a default route).
+        {"10.0.0.0/abc", "192.0.2.1", false, "Invalid prefix length in destination '10.0.0.0/abc'."},
+        {"10.0.0.0/24x", "192.0.2.1", false, "Invalid prefix length in destination '10.0.0.0/24x'."},
+        {"10.0.0.0/", "192.0.2.1", false, "Invalid prefix length in destination '10.0.0.0/'."},
         {"2001:db8::/129", "2001:db8::1", true, "Invalid prefix length in destination '2001:db8::/129'."},
         {"10..1/16", "192.0.2.1", false, "Invalid IPv4 destination '10..1'."},
         {std::string("10.0.0.1\0x", 10), "192.0.2.1", false, std::string("Invalid IPv4 destination '10.0.0.1\0x'.", 38)},
@@ -81,8 +85,10 @@ TEST(RouteOperation, SendsTheDestinationAsGivenWithItsNetmaskAndHostFlag) {
         {"add", "10.1.2.3/24", "192.0.2.1", false, 1, bytes({10, 1, 2, 3}), bytes({255, 255, 255, 0}), false},
         {"add", "10.1.2.3", "192.0.2.1", false, 1, bytes({10, 1, 2, 3}), bytes({255, 255, 255, 255}), true},
         {"remove", "172.16/12", "192.0.2.1", false, 2, bytes({172, 16}), bytes({255, 240}), false},
-        {"Add", "10.0.0.0/abc", "192.0.2.1", false, 2, bytes({10}), bytes({}), false},  // prefix 0
+        {"Add", "10.0.0.0/8", "192.0.2.1", false, 2, bytes({10}), bytes({255}), false},  // "add" is case-sensitive
         {"add", "10.0.0.0/ 17", "192.0.2.1", false, 1, bytes({10}), bytes({255, 255, 128}), false},
+        // Unicode white space before the number, as every reader of the helper skips it.
+        {"add", "10.1.0.0/\u00A024", "192.0.2.1", false, 1, bytes({10, 1}), bytes({255, 255, 255}), false},
         {"add", "2001:db8::1", "2001:db8::ff", true, 1, bytes({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}),
          bytes({255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}), true},
         {"delete", "2001:db8::/65", "2001:db8::ff", true, 2, bytes({0x20, 1, 0xd, 0xb8}),
@@ -117,15 +123,4 @@ TEST(RouteOperation, AnInterfaceNameTakesTheInterfacePathAndIgnoresTheGateway) {
     EXPECT_EQ(missing.value_or(KorvoError{}).code, 64);
     EXPECT_EQ(errorMessage(missing), "Missing route interface name.");
     EXPECT_TRUE(table->gatewayCalls.empty());
-}
-
-TEST(IntegerValueOfString, ReadsTheLeadingNumberLikeFoundation) {
-    constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-    constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
-    const std::vector<std::pair<std::string, std::int64_t>> cases = {
-        {"24", 24}, {" \t\n-1", -1}, {"+7", 7}, {"12abc", 12}, {"abc", 0}, {"", 0}, {"- 5", 0}, {"0x10", 0},
-        {"9223372036854775807", kMax}, {"9223372036854775808", kMax}, {"99999999999999999999999", kMax},
-        {"-9223372036854775808", kMin}, {"-99999999999999999999999", kMin},
-    };
-    for (const auto& [text, value] : cases) EXPECT_EQ(integerValueOfString(text), value) << "'" << text << "'";
 }
