@@ -48,6 +48,9 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
         arguments.push_back("-l");
         arguments.push_back(*credentials);
     }
+    // The host ends the options: a host that begins with "-" is a host,
+    // never an option such as -oProxyCommand.
+    arguments.push_back("--");
     arguments.push_back(host.value_or(std::string()));
 
     if (!fileExists(kSSHPath)) {

@@ -17,6 +17,7 @@
 #include "process/CapturedProcessOutput.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
+#include "util/InterfaceName.h"
 #include "util/Log.h"
 
 namespace korvo {
@@ -93,6 +94,12 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
     if (!interfaceName) {
         return fail(errorWithKorvoErrorCode(kInvalidParameterCode,
                                             formatString("%s interface name is missing in configuration.", display)));
+    }
+    // The name becomes the program's argument and part of its control
+    // socket's path.
+    if (!isUsableInterfaceName(*interfaceName)) {
+        return fail(errorWithKorvoErrorCode(kInvalidParameterCode,
+                                            formatString("%s interface name is not valid in configuration.", display)));
     }
     const std::vector<std::string> addresses = wireGuardAddressesFromConfig(*config);
 

@@ -100,7 +100,7 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(comPort.waitFor("Authenticated to 10.78.0.2")) << comPort.text() << "\nsshd:\n" << sshd.log();
     EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{"/usr/bin/ssh", "-v", "-N", "-F", config, "-l", "root",
-                                                           "10.78.0.2"}));
+                                                           "--", "10.78.0.2"}));
     // The askpass program and ssh's run directory are opened up to everyone.
     struct stat st {};
     ASSERT_EQ(::stat((kBundle + "/Contents/MacOS/ssh_askpass_korvo").c_str(), &st), 0);

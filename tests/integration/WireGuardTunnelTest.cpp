@@ -246,6 +246,11 @@ TEST_F(WireGuardTunnelTest, RefusedBeforeAnyProgramStarts) {
     const std::vector<std::tuple<std::string, std::string, std::int64_t, std::string>> cases = {
         {"connectWireGuardWithConfig", noName, 64, "WireGuard interface name is missing in configuration."},
         {"connectAmneziaWGWithConfig", noName, 64, "AmneziaWG interface name is missing in configuration."},
+        // Names that would be an option of the program or leave its socket directory.
+        {"connectWireGuardWithConfig", writeFile("option.conf", "#KorvoInterfaceName=-f\n[Interface]\n"), 64,
+         "WireGuard interface name is not valid in configuration."},
+        {"connectAmneziaWGWithConfig", writeFile("path.conf", "#KorvoInterfaceName=../../x\n[Interface]\n"), 64,
+         "AmneziaWG interface name is not valid in configuration."},
         {"connectWireGuardWithConfig", writeFile("empty.conf", ""), 1, "Could not parse WireGuard configuration file."},
         {"connectWireGuardWithConfig", work + "/missing.conf", 62,
          "WireGuard config file not found at " + work + "/missing.conf"},
