@@ -14,7 +14,9 @@ namespace korvo {
 // written to standard error (where the journal collects it).
 void openHelperLog(bool copyToStderr);
 
-// Formats and logs one line at the given syslog priority.
+// Formats and logs one line at the given syslog priority. Control
+// characters in the result (a line feed in a client's path, say) are
+// written as escapes ("\n", "\x1b"), so a line is always one line.
 void logMessage(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Receives every line logged while installed (for tests); pass nullptr to

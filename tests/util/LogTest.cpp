@@ -1,0 +1,24 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "util/Log.h"
+
+namespace korvo {
+namespace {
+
+// A client's text cannot break a log line or smuggle terminal controls in.
+TEST(LogTest, ControlCharactersInALineAreEscaped) {
+    std::vector<std::string> lines;
+    setLogSink([&](int, std::string_view line) { lines.emplace_back(line); });
+    logMessage(LOG_NOTICE, "configPath: %s", "/tmp/a\nError: forged line\r\t\x1b[2J\x7f.conf");
+    logMessage(LOG_NOTICE, "plain %s", "/tmp/b.conf");
+    setLogSink(nullptr);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "configPath: /tmp/a\\nError: forged line\\r\\t\\x1b[2J\\x7f.conf");
+    EXPECT_EQ(lines[1], "plain /tmp/b.conf");
+}
+
+}  // namespace
+}  // namespace korvo
