@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "util/Format.h"
 #include "util/Utf8.h"
 
 namespace korvo {
@@ -32,12 +33,32 @@ bool isDirectory(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+namespace {
+
+KorvoError readRefusal(int posixErrno, const std::string& path, std::string_view why) {
+    KorvoError error = fileSystemError(posixErrno, FileOperation::Read, path);
+    const auto slash = path.find_last_of('/');
+    const std::string name = slash == std::string::npos || slash + 1 == path.size() ? path : path.substr(slash + 1);
+    (*error.userInfo)[std::string(LocalizedDescriptionKey)] =
+        formatString("The file \"%s\" couldn't be opened because %s.", name.c_str(), std::string(why).c_str());
+    return error;
+}
+
+}  // namespace
+
 Result<Data> readFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so that opening a FIFO without a writer returns at once;
+    // no controlling terminal from a terminal device.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) return fileSystemError(errno, FileOperation::Read, path);
     FdCloser closer{fd};
     struct stat st {};
-    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) return fileSystemError(EISDIR, FileOperation::Read, path);
+    if (::fstat(fd, &st) != 0) return fileSystemError(errno, FileOperation::Read, path);
+    if (S_ISDIR(st.st_mode)) return fileSystemError(EISDIR, FileOperation::Read, path);
+    if (!S_ISREG(st.st_mode)) return readRefusal(EINVAL, path, "it is not a regular file");
+    if (static_cast<std::uint64_t>(st.st_size) > kMaximumReadFileSize) {
+        return readRefusal(EFBIG, path, "it is too large");
+    }
     Data out;
     std::uint8_t buf[65536];
     for (;;) {
@@ -47,6 +68,10 @@ Result<Data> readFile(const std::string& path) {
             return fileSystemError(errno, FileOperation::Read, path);
         }
         if (n == 0) break;
+        // A file that grows while it is read is held to the same bound.
+        if (out.size() + static_cast<std::size_t>(n) > kMaximumReadFileSize) {
+            return readRefusal(EFBIG, path, "it is too large");
+        }
         out.insert(out.end(), buf, buf + n);
     }
     return out;

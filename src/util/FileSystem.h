@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,6 +16,13 @@ namespace korvo {
 bool fileExists(const std::string& path);
 bool isDirectory(const std::string& path);
 
+// The most that readFile reads: configurations, scripts and desktop entries
+// are far smaller.
+inline constexpr std::size_t kMaximumReadFileSize = std::size_t{4} << 20;
+
+// Reads a regular file of at most kMaximumReadFileSize bytes. Anything else
+// (a FIFO, a device such as /dev/zero, a larger file) fails at once with a
+// read error, without blocking and without reading on.
 Result<Data> readFile(const std::string& path);
 // Reads the file as UTF-8 text; bytes that are not UTF-8 give a read error
 // (code 261, as Foundation reports an inapplicable encoding).

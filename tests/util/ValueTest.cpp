@@ -84,6 +84,24 @@ TEST_F(FileSystemTest, FailuresCarryFoundationCodes) {
     EXPECT_EQ(readUTF8File(dir_ + "/latin1").error().code, 261);
 }
 
+// A client names the file: whatever it is, the read ends at once, bounded.
+TEST_F(FileSystemTest, ReadsOnlyRegularFilesOfBoundedSize) {
+    const auto description = [](const KorvoError& e) { return *e.userInfo->at("NSLocalizedDescription").asString(); };
+    const std::string fifo = dir_ + "/fifo";  // nobody ever writes to it
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_FALSE(readFile(fifo));
+    EXPECT_EQ(description(readFile(fifo).error()),
+              "The file \"fifo\" couldn't be opened because it is not a regular file.");
+    EXPECT_EQ(readUTF8File("/dev/zero").error().domain, "NSCocoaErrorDomain");
+
+    const std::string huge = dir_ + "/huge.conf";
+    ASSERT_FALSE(writeFileAtomically(huge, std::string_view("x")));
+    ASSERT_EQ(::truncate(huge.c_str(), off_t{2} << 30), 0);  // 2 GiB, sparse
+    EXPECT_EQ(description(readFile(huge).error()), "The file \"huge.conf\" couldn't be opened because it is too large.");
+    ASSERT_EQ(::truncate(huge.c_str(), static_cast<off_t>(kMaximumReadFileSize)), 0);
+    EXPECT_EQ(readFile(huge)->size(), kMaximumReadFileSize);
+}
+
 TEST_F(FileSystemTest, CreatesIntermediateDirectories) {
     ASSERT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
     EXPECT_TRUE(isDirectory(dir_ + "/a/b/c"));
