@@ -122,4 +122,16 @@ bool KorvoHelperTool::configFileAtPath(const std::string& path, const std::strin
     return false;
 }
 
+std::string shellQuoted(std::string_view text) {
+    std::string quoted = "'";
+    for (const char c : text) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
 }  // namespace korvo

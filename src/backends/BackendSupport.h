@@ -24,6 +24,10 @@ std::string connectionNameForConfigPath(const std::optional<std::string>& config
 // bundle.
 std::string auxiliaryExecutablePath(const std::optional<Bundle>& bundle, std::string_view name);
 
+// The text as one word for /bin/sh: in single quotes, each single quote
+// written as '\''. Nothing inside is expanded ($(...), `...`, $VAR).
+std::string shellQuoted(std::string_view text);
+
 // A string argument as logs show it: nil as "(null)".
 std::string displayText(const std::optional<std::string>& text);
 

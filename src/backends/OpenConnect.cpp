@@ -55,7 +55,9 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
     std::vector<std::string> arguments = {
         "--config=" + config,
         "--cookie=" + credentials.value_or(std::string()),
-        "--script=\"" + scriptPath + "\"",
+        // openconnect hands the script to /bin/sh -c: the path is one
+        // quoted word, whatever characters the client put in its names.
+        "--script=" + shellQuoted(scriptPath),
         "--servercert=" + hash.value_or(std::string()),
         "--os=mac-intel",
     };
@@ -65,6 +67,8 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
         arguments.push_back("-v");
         logMessage(LOG_NOTICE, "OpenConnect VPN debug logging is enabled.");
     }
+    // The server ends the options: one beginning with "-" is a server.
+    arguments.push_back("--");
     arguments.push_back(host.value_or(std::string()));
 
     const std::string executable = auxiliaryExecutablePath(bundle, "openconnect");

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -67,6 +70,32 @@ TEST(BackgroundOptionTest, LookalikesAndCommentsAreKeptUntouched) {
     // With "=" after the first blank the name ends at the blank.
     EXPECT_EQ(removed("background x=1\n", true), "");
     EXPECT_EQ(removed("mtu=1 background\n", false), "mtu=1 background\n");
+}
+
+// openconnect runs its script argument with /bin/sh -c: whatever the
+// client put into the directory and file names, the shell runs exactly the
+// named script and expands nothing.
+TEST_F(DirectiveTest, AQuotedScriptPathRunsThatScriptAndNothingElse) {
+    const std::string marker = dir_ + "/payload-ran";  // the shell runs in dir_
+    const std::vector<std::string> names = {"a b",          "$(touch payload-ran)", "`touch payload-ran`",
+                                            "it's \"x\"", "'; touch payload-ran; '", "$HOME"};
+    for (const std::string& name : names) {
+        const std::string folder = dir_ + "/" + std::to_string(std::hash<std::string>{}(name)) + name;
+        std::filesystem::create_directory(folder);
+        const std::string script = folder + "/" + name + "-openconnect-script.sh";
+        std::ofstream(script) << "#!/bin/sh\necho ran > \"$0.out\"\n";
+        std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (::chdir(dir_.c_str()) != 0) ::_exit(126);
+            ::execl("/bin/sh", "/bin/sh", "-c", shellQuoted(script).c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(std::filesystem::exists(script + ".out")) << name;
+        EXPECT_FALSE(std::filesystem::exists(marker)) << name;
+    }
 }
 
 }  // namespace

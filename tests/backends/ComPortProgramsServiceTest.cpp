@@ -161,8 +161,9 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
     EXPECT_EQ(commandLineOf(pid),
               (std::vector<std::string>{kBundle + "/Contents/MacOS/openconnect", "--config=" + config,
-                                        "--cookie=webvpn=cookie", "--script=\"" + script + "\"",
-                                        "--servercert=pin-sha256:AAAA", "--os=mac-intel", "-v", "-v", "10.79.0.2"}));
+                                        "--cookie=webvpn=cookie", "--script='" + script + "'",
+                                        "--servercert=pin-sha256:AAAA", "--os=mac-intel", "-v", "-v", "--",
+                                        "10.79.0.2"}));
 }
 
 TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLeftUntouched) {
