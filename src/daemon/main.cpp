@@ -2,6 +2,7 @@
 // client configures it through requests.
 #include <csignal>
 
+#include "KorvoVersion.h"
 #include "core/HelperTool.h"
 #include "util/Log.h"
 
@@ -10,6 +11,14 @@ int main() {
     // started programs get the default disposition back.
     std::signal(SIGPIPE, SIG_IGN);
     korvo::openHelperLog(true);
+    korvo::logMessage(LOG_NOTICE, "Korvo helper %s starting.", KORVO_VERSION);
+    if (KORVO_TRUSTS_TEST_SIGNING_CA) {
+        // Anyone with the build tree's keys can sign a client that this
+        // build serves.
+        korvo::logMessage(LOG_WARNING,
+                          "This build trusts its own test signing CA, whose keys lie in its build tree: "
+                          "it is not a release.");
+    }
     korvo::KorvoHelperTool tool;
     tool.run();
     return 0;

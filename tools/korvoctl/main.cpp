@@ -1,6 +1,6 @@
 // korvoctl: sends one request to the helper, as the client application does.
 //   korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]
-//   korvoctl --help | --write-docs DIRECTORY
+//   korvoctl --help | --version | --write-docs DIRECTORY
 // Every operation of the helper's table is a subcommand, with its keys.
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +10,7 @@
 #include "CommandLine.h"
 #include "InterfaceDocs.h"
 #include "KorvoClient.h"
+#include "KorvoVersion.h"
 #include "core/Protocol.h"
 
 namespace {
@@ -21,7 +22,7 @@ constexpr int kExitUsage = 2;
 void printUsage(std::FILE* out) {
     std::fprintf(out,
                  "usage: korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]\n"
-                 "       korvoctl --write-docs DIRECTORY\n\n"
+                 "       korvoctl --version | --write-docs DIRECTORY\n\n"
                  "Sends one request to the Korvo helper on the system bus and prints the reply.\n"
                  "Arrays are comma-separated (KEY= is an empty one); @FILE reads a property list.\n\n"
                  "operations:\n");
@@ -38,6 +39,9 @@ int main(int argc, char** argv) {
     for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
         if (args[i] == "--help") {
             printUsage(stdout);
+            return kExitSuccess;
+        } else if (args[i] == "--version") {
+            std::printf("korvoctl %s\n", KORVO_VERSION);
             return kExitSuccess;
         } else if (args[i] == "--no-reply") {
             expectReply = false;
