@@ -1,25 +1,11 @@
 #include "core/ClientAcceptance.h"
 
-#include <grp.h>
-
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include "util/Log.h"
 
 namespace korvo {
-
-std::optional<gid_t> lookUpClientGroup() {
-    const std::string name(KorvoClientGroupName);
-    group entry{};
-    group* found = nullptr;
-    std::vector<char> buffer(16384);
-    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) {
-        return std::nullopt;
-    }
-    return found->gr_gid;
-}
 
 ClientAcceptance::ClientAcceptance(std::shared_ptr<platform::CodeSigning> codeSigning,
                                    std::optional<gid_t> clientGroup)

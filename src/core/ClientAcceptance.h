@@ -12,19 +12,12 @@
 
 #include "platform/CodeSigning.h"
 #include "platform/ServiceListener.h"
+#include "util/ClientGroup.h"
 
 namespace korvo {
 
 inline constexpr std::string_view KorvoClientRequirement =
     "anchor apple generic and identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = Q4XW82KTJN";
-
-// The group of the installed client application: its bus-speaking program
-// is installed setgid to it, and no user is a member.
-inline constexpr std::string_view KorvoClientGroupName = "korvo";
-
-// The gid of the client group on this system; nullopt when there is none
-// (then only root is served).
-std::optional<gid_t> lookUpClientGroup();
 
 class ClientAcceptance {
 public:

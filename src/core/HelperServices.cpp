@@ -2,6 +2,7 @@
 #include "core/WorkspaceLookup.h"
 #include "platform/ServiceListener.h"
 #include "platform/TunnelInterfaceConfigurator.h"
+#include "util/ClientGroup.h"
 
 namespace korvo {
 
@@ -15,6 +16,7 @@ HelperServices HelperServices::production() {
     services.locateApplicationBundle = [] {
         return applicationBundlePathForIdentifier(KorvoApplicationIdentifier, xdgApplicationDirectories());
     };
+    services.storeArea = std::make_shared<StoreArea>(std::string(KorvoRunDirectory), lookUpClientGroup());
     return services;
 }
 

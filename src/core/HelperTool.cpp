@@ -73,6 +73,13 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
     }
     tmpDirPath_ = processTemporaryDirectory();
+    // Made before any request can use it; a failure leaves the requests that
+    // need it to fail, and says why here.
+    if (services_.storeArea) {
+        if (auto error = services_.storeArea->prepare()) {
+            logMessage(LOG_ERR, "Error: Unable to prepare the run directory: %s", error->displayText().c_str());
+        }
+    }
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
     }

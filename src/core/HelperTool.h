@@ -20,6 +20,7 @@
 #include "core/Bundle.h"
 #include "core/Error.h"
 #include "platform/CodeSigning.h"
+#include "util/StoreArea.h"
 #include "util/Value.h"
 
 namespace korvo {
@@ -55,6 +56,9 @@ struct HelperServices {
         makeListener;
     // Finds the client application's bundle path; nullopt when none is installed.
     std::function<std::optional<std::string>()> locateApplicationBundle;
+    // The run directory and the helper's own store directories beneath it;
+    // null: none (a unit test that touches no helper state).
+    std::shared_ptr<StoreArea> storeArea;
 
     // The real services: the platform's code signing and tunnel interfaces,
     // the bus listener, the desktop's application lookup.
