@@ -1,5 +1,12 @@
 #include "backends/BackendSupport.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <openssl/crypto.h>
+
+#include <cerrno>
+
 #include <unicode/uchar.h>
 
 #include <vector>
@@ -7,10 +14,25 @@
 #include "core/HelperTool.h"
 #include "util/CharacterSets.h"
 #include "util/FileSystem.h"
+#include "util/UniqueFd.h"
 
 namespace korvo {
 
 namespace {
+
+// OpenSSL's default provider and the legacy one (old ciphers and digests
+// that some VPN servers still use).
+constexpr std::string_view kLegacyProviderConfiguration =
+    "openssl_conf = openssl_init\n"
+    "[openssl_init]\n"
+    "providers = provider_sect\n"
+    "[provider_sect]\n"
+    "default = default_sect\n"
+    "legacy = legacy_sect\n"
+    "[default_sect]\n"
+    "activate = 1\n"
+    "[legacy_sect]\n"
+    "activate = 1\n";
 
 // The characters of a white-space character set without line breaks: tab
 // and the Unicode space separators.
@@ -98,13 +120,17 @@ std::string auxiliaryExecutablePath(const std::optional<Bundle>& bundle, std::st
 std::string displayText(const std::optional<std::string>& text) { return text ? *text : "(null)"; }
 
 Environment KorvoHelperTool::opensslLegacyProviderEnvironment() {
+    // Both name what the program loads as root: never the client's bundle.
+    // The modules are the system's; the configuration, which could name any
+    // module, is the helper's own, in its store area.
     Environment environment;
-    const auto bundle = korvoBundle();
-    if (!bundle) return environment;
-    const std::string modules = bundle->privateFrameworksPath();
-    if (fileExists(modules)) environment["OPENSSL_MODULES"] = modules;
-    if (const auto conf = bundle->pathForResource("openssl-legacy", "cnf"); conf && fileExists(*conf)) {
-        environment["OPENSSL_CONF"] = *conf;
+    const std::string modules = OPENSSL_info(OPENSSL_INFO_MODULES_DIR);
+    if (isDirectory(modules)) environment["OPENSSL_MODULES"] = modules;
+    if (const auto& store = services().storeArea) {
+        const std::string conf = appendPathComponent(store->path(StoreDirectory::Connections), "openssl-legacy.cnf");
+        if (store->open(StoreDirectory::Connections) && !writeFileAtomically(conf, kLegacyProviderConfiguration, 0600)) {
+            environment["OPENSSL_CONF"] = conf;
+        }
     }
     return environment;
 }
@@ -132,6 +158,19 @@ std::string shellQuoted(std::string_view text) {
         }
     }
     return quoted + "'";
+}
+
+MaybeError linkSharedFileForClient(const std::string& shared, const std::string& clientDirectory,
+                                   const std::string& name) {
+    const std::string path = appendPathComponent(clientDirectory, name);
+    const UniqueFd directory(::open(clientDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) return fileSystemError(errno, FileOperation::Write, path);
+    if (::unlinkat(directory.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        return fileSystemError(errno, FileOperation::Write, path);
+    }
+    if (::linkat(AT_FDCWD, shared.c_str(), directory.get(), name.c_str(), 0) == 0) return std::nullopt;
+    if (errno == EXDEV && ::symlinkat(shared.c_str(), directory.get(), name.c_str()) == 0) return std::nullopt;
+    return fileSystemError(errno, FileOperation::Write, path);
 }
 
 }  // namespace korvo

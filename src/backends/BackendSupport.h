@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "core/Bundle.h"
+#include "core/Error.h"
 
 namespace korvo {
 
@@ -27,6 +28,13 @@ std::string auxiliaryExecutablePath(const std::optional<Bundle>& bundle, std::st
 // The text as one word for /bin/sh: in single quotes, each single quote
 // written as '\''. Nothing inside is expanded ($(...), `...`, $VAR).
 std::string shellQuoted(std::string_view text);
+
+// Makes the run directory's file at shared visible to the client at
+// clientDirectory/name as well: a hard link, or a symbolic link when the two
+// lie on different file systems. Whatever entry had that name is replaced;
+// the client's directory is opened without following a final link.
+MaybeError linkSharedFileForClient(const std::string& shared, const std::string& clientDirectory,
+                                   const std::string& name);
 
 // A string argument as logs show it: nil as "(null)".
 std::string displayText(const std::optional<std::string>& text);

@@ -1,12 +1,57 @@
 // connectOpenVPNWithConfig: OpenVPN puts itself in the background and is then
 // driven by the client through its management interface on 127.0.0.1.
+#include <filesystem>
+
 #include "backends/BackendSupport.h"
+#include "backends/ConnectionDirectory.h"
 #include "core/HelperTool.h"
+#include "util/DataAdditions.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"
 
 namespace korvo {
+namespace {
+
+constexpr std::int64_t kHelperProblemCode = 55;
+constexpr std::size_t kManagementPasswordBytes = 32;
+
+struct OpenVPNFiles {
+    std::string config;              // the checked copy OpenVPN reads
+    std::string log;                 // root's, in the run directory; linked where the client reads it
+    std::string managementPassword;  // root's, readable by the client group
+};
+
+// What OpenVPN opens by path, made where the client cannot swap it: the
+// configuration's copy in the connection's directory, the log and the
+// management password in the run directory. The client reads the log at
+// TMPDIR/NAME.log, as before.
+Result<OpenVPNFiles> prepareOpenVPNFiles(const StoreArea* store, const std::string& configPath,
+                                         const std::string& connectionName, const std::string& tmpDir) {
+    if (!store) {
+        return errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory."));
+    }
+    auto directory = ConnectionDirectory::create(*store, connectionName);
+    if (!directory) return directory.error();
+    const auto text = readFile(configPath);
+    if (!text) return text.error();
+    auto config = directory->writeFile("config", *text, 0600);
+    if (!config) return config.error();
+
+    const std::string sharedName = std::filesystem::path(directory->path()).filename().string();
+    auto log = store->replaceSharedFile(sharedName + ".log", {}, 0644);
+    if (!log) return log.error();
+    if (auto error = linkSharedFileForClient(*log, tmpDir, connectionName + ".log")) return *error;
+
+    // Without a password any local user could take the management port
+    // before the client does.
+    const std::string password = SHA256HexDigest(randomDataWithBytes(kManagementPasswordBytes)) + "\n";
+    auto passwordFile = store->replaceSharedFile(sharedName + ".management", bytesOf(password), 0640);
+    if (!passwordFile) return passwordFile.error();
+    return OpenVPNFiles{*config, *log, *passwordFile};
+}
+
+}  // namespace
 
 void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>& configPath,
                                                std::uint64_t managementPort, StringReply reply) {
@@ -22,24 +67,22 @@ void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>&
         reply(error, std::nullopt);
         return;
     }
-
-    const std::string logFilePath = appendPathComponent(tmpDir, connectionName) + ".log";
-    // An earlier connection's log is emptied; only the permission change
-    // decides whether the connect goes on.
-    static_cast<void>(writeFileAtomically(logFilePath, std::string_view()));
-    if (auto error = setPosixPermissions(logFilePath, 0644)) {
-        reply(error, std::nullopt);
+    auto prepared =
+        prepareOpenVPNFiles(services().storeArea.get(), configPath.value_or(std::string()), connectionName, tmpDir);
+    if (!prepared) {
+        reply(prepared.error(), std::nullopt);
         return;
     }
+    const OpenVPNFiles& files = *prepared;
 
-    const std::string config = configPath.value_or(std::string());
     std::vector<std::string> arguments = {
-        "--config", config, "--management-query-passwords", "--auth-nocache", "--cd", std::string(KorvoRunDirectory),
-        "--daemon", "--log", logFilePath, "--management-hold", "--script-security", "2", "--management", "127.0.0.1",
-        formatString("%ld", static_cast<long>(managementPort)), "--providers", "legacy", "default",
+        "--config", files.config, "--management-query-passwords", "--auth-nocache", "--cd",
+        services().storeArea->runDirectory(), "--daemon", "--log", files.log, "--management-hold", "--script-security",
+        "2", "--management", "127.0.0.1", formatString("%ld", static_cast<long>(managementPort)),
+        files.managementPassword, "--providers", "legacy", "default",
     };
     // A verb line in the configuration wins over the debug setting.
-    if (vpnDebugLoggingEnabled() && !configFileAtPath(config, "verb")) {
+    if (vpnDebugLoggingEnabled() && !configFileAtPath(files.config, "verb")) {
         arguments.push_back("--verb");
         arguments.push_back("4");
     }

@@ -77,6 +77,32 @@ Result<UniqueFd> StoreArea::open(StoreDirectory directory) const {
     return openStoreDirectory(run->get(), directory);
 }
 
+Result<std::string> StoreArea::replaceSharedFile(std::string_view name, std::span<const std::uint8_t> bytes,
+                                                mode_t mode) const {
+    const std::string fileName(name);
+    const std::string path = appendPathComponent(runDirectory_, fileName);
+    if (fileName.empty() || fileName.find('/') != std::string::npos || fileName == "." || fileName == "..") {
+        return fileSystemError(EINVAL, FileOperation::Write, path);
+    }
+    auto run = openRunDirectory();
+    if (!run) return run.error();
+    if (::unlinkat(run->get(), fileName.c_str(), 0) != 0 && errno != ENOENT &&
+        !(errno == EISDIR && moveAside(run->get(), fileName.c_str()))) {
+        return fileSystemError(errno, FileOperation::Write, path);
+    }
+    UniqueFd fd(::openat(run->get(), fileName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd || ::fchown(fd.get(), 0, clientGroup_.value_or(0)) != 0 || ::fchmod(fd.get(), mode) != 0) {
+        return fileSystemError(errno, FileOperation::Write, path);
+    }
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return fileSystemError(errno, FileOperation::Write, path);
+        done += static_cast<std::size_t>(n);
+    }
+    return path;
+}
+
 Result<UniqueFd> StoreArea::openRunDirectory() const {
     if (auto error = createDirectory(runDirectory_, 0755)) return *error;
     UniqueFd run(::open(runDirectory_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

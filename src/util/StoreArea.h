@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -46,6 +47,14 @@ public:
     // checked: a directory owned by root with mode 0700, in a run directory
     // owned by root. Made anew when it is missing. An error otherwise.
     Result<UniqueFd> open(StoreDirectory directory) const;
+
+    // A new root-owned file directly in the run directory, group the client
+    // group, for the client to read (a program's log, a password it must
+    // know). Whatever entry had that name is removed first, never followed:
+    // the client's group may add entries there but cannot touch root's.
+    // name must be a plain file name.
+    Result<std::string> replaceSharedFile(std::string_view name, std::span<const std::uint8_t> bytes,
+                                          mode_t mode) const;
 
 private:
     Result<UniqueFd> openRunDirectory() const;

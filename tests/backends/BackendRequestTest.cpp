@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 
 #include <filesystem>
 #include <fstream>
@@ -63,6 +64,7 @@ protected:
         ::chmod(path.c_str(), 0600);
         HelperServices services;
         services.codeSigning = std::make_shared<ValidCodeSigning>();
+        services.storeArea = store_ = std::make_shared<StoreArea>(dir_ + "/run", std::nullopt);
         tool_ = std::make_unique<KorvoHelperTool>(services);
         tool_->setTmpDirPath(tmp_);
         tool_->setKorvoBundlePath(bundle_);
@@ -100,25 +102,35 @@ protected:
     }
 
     std::unique_ptr<KorvoHelperTool> tool_;
+    std::shared_ptr<StoreArea> store_;
     std::string dir_, tmp_, bundle_;
     std::mutex logMutex_;
     std::vector<std::string> log_;
 };
 
-TEST_F(BackendRequestTest, OpenVPNArgumentsLogFileAndPermissions) {
+// OpenVPN opens nothing the client could swap: a copy of the configuration
+// in the connection's own directory, and a log and a management password
+// of root's in the run directory; the client reads the log where it did.
+TEST_F(BackendRequestTest, OpenVPNRunsOnCopiesWithItsLogAndAManagementPassword) {
     const std::string conf = config("Office VPN.ovpn", "client\n# verb 5\n");
     std::ofstream(tmp_ + "Office VPN.log") << "old log\n";
     ASSERT_EQ(openVPN(conf), std::nullopt);
 
+    const std::string run = dir_ + "/run";
+    const std::string copy = store_->path(StoreDirectory::Connections) + "/Office_VPN/config";
     const std::vector<std::string> expected = {
-        "--config", conf, "--management-query-passwords", "--auth-nocache", "--cd", "/var/run/Korvo", "--daemon",
-        "--log", tmp_ + "Office VPN.log", "--management-hold", "--script-security", "2", "--management",
-        "127.0.0.1", "7505", "--providers", "legacy", "default"};
+        "--config", copy, "--management-query-passwords", "--auth-nocache", "--cd", run, "--daemon",
+        "--log", run + "/Office_VPN.log", "--management-hold", "--script-security", "2", "--management",
+        "127.0.0.1", "7505", run + "/Office_VPN.management", "--providers", "legacy", "default"};
     EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")), expected);
+    EXPECT_EQ(fileText(copy), "client\n# verb 5\n");
+    EXPECT_EQ(modeOf(copy), 0600u);
     EXPECT_EQ(fileText(tmp_ + "Office VPN.log"), "");
     EXPECT_EQ(modeOf(tmp_ + "Office VPN.log"), 0644u);
+    EXPECT_EQ(std::filesystem::equivalent(tmp_ + "Office VPN.log", run + "/Office_VPN.log"), true);
+    EXPECT_EQ(fileText(run + "/Office_VPN.management").size(), 65u);
+    EXPECT_EQ(modeOf(run + "/Office_VPN.management"), 0640u);
     EXPECT_EQ(modeOf(bundle_ + "/Contents/MacOS/openvpn"), 0755u);
-    EXPECT_EQ(fileText(tmp_ + "openvpn.env"), "unset unset\n");
     EXPECT_TRUE(logged("connectOpenVPNWithConfig: korvoBundle: " + bundle_ + ", configPath: " + conf +
                        ", managementPort: 7505, tempDirPath: " + tmp_));
 
@@ -131,17 +143,23 @@ TEST_F(BackendRequestTest, OpenVPNArgumentsLogFileAndPermissions) {
     EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")), withVerb);
     const std::string ownVerb = config("own.ovpn", "client\n  verb 1\n");
     ASSERT_EQ(openVPN(ownVerb), std::nullopt);
-    EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")).size(), 18u);
+    EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")).size(), 19u);
 }
 
+// What OpenSSL loads is never the client's: system modules and the
+// helper's own configuration, whatever the bundle holds.
 TEST_F(BackendRequestTest, OpenVPNFailuresAndLegacyProviderEnvironment) {
     std::filesystem::create_directories(bundle_ + "/Contents/Frameworks");
     std::filesystem::create_directories(bundle_ + "/Contents/Resources");
     std::ofstream(bundle_ + "/Contents/Resources/openssl-legacy.cnf") << "\n";
     const std::string conf = config("c.ovpn", "client\n");
     ASSERT_EQ(openVPN(conf), std::nullopt);
-    EXPECT_EQ(fileText(tmp_ + "openvpn.env"),
-              bundle_ + "/Contents/Frameworks " + bundle_ + "/Contents/Resources/openssl-legacy.cnf\n");
+    const std::string helperConf = store_->path(StoreDirectory::Connections) + "/openssl-legacy.cnf";
+    EXPECT_EQ(fileText(tmp_ + "openvpn.env"), std::string(OPENSSL_info(OPENSSL_INFO_MODULES_DIR)) + " " + helperConf + "\n");
+    EXPECT_NE(fileText(helperConf).find("legacy = legacy_sect"), std::string::npos);
+
+    // Refused before anything starts: a configuration that is no regular file.
+    EXPECT_EQ(openVPN("/dev/zero").value_or(KorvoError{}).domain, "NSCocoaErrorDomain");
 
     // A configuration error (OpenVPN exiting at once) comes back through the
     // bus in OpenVPNServiceTest.

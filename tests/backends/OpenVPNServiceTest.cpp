@@ -122,8 +122,13 @@ TEST_F(OpenVPNServiceTest, ConnectsThroughTheManagementInterfaceAndCarriesTraffi
     EXPECT_EQ(reply.count("result"), 0u);
     EXPECT_EQ(reply.count("pid"), 0u);
 
+    // The management interface is the client's alone: it asks for the
+    // password that the helper left readable by root and the client group.
     ManagementClient management;
     ASSERT_TRUE(management.connect(10s)) << helper_.helperLog();
+    ASSERT_TRUE(management.readUntil("ENTER PASSWORD:", 10s)) << management.received();
+    EXPECT_EQ(management.received().find(">HOLD"), std::string::npos);
+    management.send(runCommand("cat /run/Korvo/Office.management").output);
     ASSERT_TRUE(management.readUntil(">HOLD:Waiting for hold release", 10s)) << management.received();
     management.send("pid\n");
     ASSERT_TRUE(management.readUntil("SUCCESS: pid=", 5s));
