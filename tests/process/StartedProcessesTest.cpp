@@ -1,0 +1,64 @@
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "process/StartedProcesses.h"
+
+namespace korvo {
+namespace {
+
+pid_t startSleeper() {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    return pid;
+}
+
+// Only a process the helper started, and still the same one, is ever
+// signalled; a restarted helper still knows it; pid 1 or a stranger never.
+TEST(StartedProcessesTest, SignalsOnlyTheProcessesItStartedAcrossARestart) {
+    char pattern[] = "/tmp/korvo-started-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    auto store = std::make_shared<StoreArea>(std::string(pattern) + "/run", std::nullopt);
+    ASSERT_EQ(store->prepare(), std::nullopt);
+
+    const pid_t ours = startSleeper();
+    const pid_t stranger = startSleeper();
+    ASSERT_GT(ours, 0);
+    ASSERT_GT(stranger, 0);
+    {
+        StartedProcesses table(store);
+        table.recordStart(ours, "/bin/sleep");
+        table.recordLink(ours, "utun7");
+    }
+    StartedProcesses restarted(store);
+    EXPECT_TRUE(restarted.isStarted(ours));
+    EXPECT_TRUE(restarted.isStartedLink("utun7"));
+    EXPECT_FALSE(restarted.isStartedLink("tun0"));
+    EXPECT_EQ(restarted.signal(1, SIGINT), StartedProcesses::SignalOutcome::NotStarted);
+    EXPECT_EQ(restarted.signal(stranger, SIGTERM), StartedProcesses::SignalOutcome::NotStarted);
+
+    EXPECT_EQ(restarted.signal(ours, SIGTERM), StartedProcesses::SignalOutcome::Sent);
+    int status = 0;
+    ASSERT_EQ(::waitpid(ours, &status, 0), ours);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_FALSE(restarted.isStarted(ours));
+    EXPECT_EQ(restarted.signal(ours, SIGTERM), StartedProcesses::SignalOutcome::Gone);
+    restarted.forgetExited();
+    EXPECT_FALSE(restarted.isStartedLink("utun7"));
+
+    ::kill(stranger, SIGKILL);
+    ::waitpid(stranger, &status, 0);
+    std::filesystem::remove_all(pattern);
+}
+
+}  // namespace
+}  // namespace korvo
