@@ -11,10 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "backends/BackendSupport.h"
+#include "backends/ConnectionDirectory.h"
 #include "backends/WireGuardConfig.h"
 #include "backends/WireGuardTunnel.h"
 #include "core/HelperTool.h"
 #include "process/CapturedProcessOutput.h"
+#include "util/DataAdditions.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/InterfaceName.h"
@@ -125,16 +128,22 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
         return finish(waitError);
     }
 
-    const std::string runtimePath = wireGuardRuntimeConfigurationPath(tmpDirPath());
-    if (auto writeError =
-            writeFileAtomically(runtimePath, wireGuardRuntimeConfiguration(*config), kRuntimeConfigurationMode)) {
-        return finish(writeError);
+    // The runtime configuration is written where only root can reach it:
+    // the client could swap a file in its own temporary directory between
+    // the write and the control program's read.
+    if (!services().storeArea) {
+        return finish(errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory.")));
     }
+    auto directory = ConnectionDirectory::create(*services().storeArea, connectionNameForConfigPath(configPath));
+    if (!directory) return finish(directory.error());
+    const std::string runtime = wireGuardRuntimeConfiguration(*config);
+    auto runtimePath = directory->writeFile(randomUUIDString() + ".conf", bytesOf(runtime), kRuntimeConfigurationMode);
+    if (!runtimePath) return finish(runtimePath.error());
     MaybeError setconfError;
-    runServiceAtPath(*controlPath, std::vector<std::string>{"setconf", *interfaceName, runtimePath}, 0, true,
+    runServiceAtPath(*controlPath, std::vector<std::string>{"setconf", *interfaceName, *runtimePath}, 0, true,
                      &setconfError);
     // The file holds the private key: it goes whatever the outcome.
-    removeFile(runtimePath);
+    removeFile(*runtimePath);
     if (setconfError) return finish(setconfError);
 
     if (auto upError = wireGuardBringInterfaceUp(*this, *interfaceName)) return finish(upError);

@@ -237,8 +237,4 @@ std::string randomUUIDString() {
     return text;
 }
 
-std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory) {
-    return appendPathComponent(temporaryDirectory, randomUUIDString() + ".conf");
-}
-
 }  // namespace korvo

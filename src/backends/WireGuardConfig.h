@@ -39,8 +39,4 @@ std::optional<std::string> netmaskStringForPrefixLength(long prefixLength);
 // A random (version 4) UUID in canonical upper-case form.
 std::string randomUUIDString();
 
-// The runtime configuration file: a fresh UUID with the extension "conf" in
-// the temporary directory.
-std::string wireGuardRuntimeConfigurationPath(const std::string& temporaryDirectory);
-
 }  // namespace korvo
