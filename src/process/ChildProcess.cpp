@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -135,13 +138,13 @@ void reapOnOwnThread(const std::shared_ptr<ChildProcess::State>& state) {
     }).detach();
 }
 
-void watchForExit(const std::shared_ptr<ChildProcess::State>& state) {
-    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, state->pid, 0));
+// pidfd: the one clone made (close-on-exec, as every pidfd), or none.
+void watchForExit(const std::shared_ptr<ChildProcess::State>& state, UniqueFd pidfdFromClone) {
+    const int pidfd = pidfdFromClone ? pidfdFromClone.release() : static_cast<int>(::syscall(SYS_pidfd_open, state->pid, 0));
     if (pidfd < 0) {
         reapOnOwnThread(state);
         return;
     }
-    ::fcntl(pidfd, F_SETFD, FD_CLOEXEC);
     {
         std::lock_guard lock(state->mutex);
         state->pidfd.reset(pidfd);
@@ -166,8 +169,8 @@ void watchForExit(const std::shared_ptr<ChildProcess::State>& state) {
     }
 }
 
-// A standard descriptor given as 0, 1 or 2 could be overwritten by an
-// earlier dup2 of the child's setup; such a one is first moved higher.
+// A descriptor given as 0, 1 or 2 could be overwritten by an earlier dup of
+// the child's setup; such a one is first moved higher.
 int movedAboveStandardStreams(int fd, std::vector<UniqueFd>& holder) {
     if (fd < 0 || fd > STDERR_FILENO) return fd;
     const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -183,58 +186,109 @@ std::vector<std::string> environmentEntries(const std::map<std::string, std::str
     return entries;
 }
 
-class SpawnSetup {
+bool isScript(int fd) {
+    char magic[2];
+    return ::pread(fd, magic, sizeof magic, 0) == 2 && magic[0] == '#' && magic[1] == '!';
+}
+
+// Everything the child does between clone and exec, prepared by the parent.
+struct ExecPlan {
+    int streams[3] = {-1, -1, -1};
+    int executable = -1;              // started from this descriptor, or by path
+    bool keepExecutableOpen = false;  // a script, read by its interpreter
+    const char* path = nullptr;
+    const char* workingDirectory = nullptr;  // nullptr: the helper's
+    char* const* argv = nullptr;
+    char* const* envp = nullptr;
+    std::atomic<int> error{0};  // set by a child that could not exec
+};
+
+static_assert(std::atomic<int>::is_always_lock_free);
+
+// The kernel's signal set: 64 bits (128 on MIPS), not the C library's 1024.
+constexpr long kKernelSignalSetSize = (_NSIG - 1) / 8;
+
+[[noreturn]] void childFails(ExecPlan& plan) {
+    plan.error.store(errno != 0 ? errno : ECHILD, std::memory_order_relaxed);
+    ::syscall(SYS_exit_group, 127);
+    __builtin_unreachable();
+}
+
+// The child runs in the helper's memory on a stack of its own while the
+// launching thread waits for its exec (CLONE_VM | CLONE_VFORK). So it makes
+// system calls only: nothing that allocates, locks, touches the C library's
+// state or runs through a sanitizer's interceptors.
+__attribute__((no_sanitize("address", "thread", "undefined"))) int childMain(void* argument) {
+    ExecPlan& plan = *static_cast<ExecPlan*>(argument);
+    // Every signal to its default action first (zeroes are SIG_DFL, no
+    // flags, no mask in every layout of the kernel's sigaction): no handler
+    // of the helper may run in the helper's memory from here. Signals stay
+    // blocked, as the parent blocked them, until just before the exec.
+    const std::uint64_t defaultAction[8] = {};
+    for (long signal = 1; signal < _NSIG; ++signal) {
+        ::syscall(SYS_rt_sigaction, signal, defaultAction, nullptr, kKernelSignalSetSize);
+    }
+    for (int target = 0; target < 3; ++target) {
+        if (plan.streams[target] >= 0 && ::syscall(SYS_dup3, plan.streams[target], target, 0) < 0) childFails(plan);
+    }
+    // The program's file becomes descriptor 3, the only one above the
+    // standard streams that is left; close-on-exec unless a script's
+    // interpreter must read it.
+    int firstClosed = STDERR_FILENO + 1;
+    if (plan.executable >= 0) {
+        const int executableFlags = plan.keepExecutableOpen ? 0 : O_CLOEXEC;
+        if (plan.executable != 3) {
+            if (::syscall(SYS_dup3, plan.executable, 3, executableFlags) < 0) childFails(plan);
+        } else if (::syscall(SYS_fcntl, 3, F_SETFD, plan.keepExecutableOpen ? 0 : FD_CLOEXEC) < 0) {
+            childFails(plan);
+        }
+        firstClosed = 4;
+    }
+    // Whatever another thread opened without close-on-exec is not handed down.
+    if (::syscall(SYS_close_range, firstClosed, ~0U, 0) < 0) childFails(plan);
+    if (plan.workingDirectory && ::syscall(SYS_chdir, plan.workingDirectory) < 0) childFails(plan);
+    const std::uint64_t noSignals[2] = {};
+    ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, noSignals, nullptr, kKernelSignalSetSize);
+    if (plan.executable >= 0) {
+        ::syscall(SYS_execveat, 3, "", plan.argv, plan.envp, AT_EMPTY_PATH);
+    } else {
+        ::syscall(SYS_execve, plan.path, plan.argv, plan.envp);
+    }
+    childFails(plan);
+}
+
+// The child's stack, with an inaccessible page below it. One per launching
+// thread, reused: a thread starts one child at a time.
+class ChildStack {
 public:
-    SpawnSetup() {
-        fileActionsOk_ = ::posix_spawn_file_actions_init(&actions_) == 0;
-        attributesOk_ = ::posix_spawnattr_init(&attributes_) == 0;
-    }
-    ~SpawnSetup() {
-        if (fileActionsOk_) ::posix_spawn_file_actions_destroy(&actions_);
-        if (attributesOk_) ::posix_spawnattr_destroy(&attributes_);
-    }
-    SpawnSetup(const SpawnSetup&) = delete;
-    SpawnSetup& operator=(const SpawnSetup&) = delete;
+    static constexpr std::size_t kSize = 64 * 1024;
 
-    // Returns 0 or an errno value.
-    int prepare(const ChildProcess::Options& options, std::vector<UniqueFd>& moved) {
-        if (!fileActionsOk_ || !attributesOk_) return ENOMEM;
-        const int streams[3] = {movedAboveStandardStreams(options.standardInput, moved),
-                                movedAboveStandardStreams(options.standardOutput, moved),
-                                movedAboveStandardStreams(options.standardError, moved)};
-        for (int target = 0; target < 3; ++target) {
-            if (streams[target] < 0) continue;
-            if (int e = ::posix_spawn_file_actions_adddup2(&actions_, streams[target], target)) return e;
-        }
-        // Whatever another thread opens without close-on-exec meanwhile is
-        // still not handed down.
-        if (int e = ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1)) return e;
-        if (options.workingDirectory && !options.workingDirectory->empty()) {
-            if (int e = ::posix_spawn_file_actions_addchdir_np(&actions_, options.workingDirectory->c_str())) {
-                return e;
-            }
-        }
-        sigset_t all;
-        sigset_t none;
-        sigfillset(&all);
-        sigemptyset(&none);
-        if (int e = ::posix_spawnattr_setsigdefault(&attributes_, &all)) return e;
-        if (int e = ::posix_spawnattr_setsigmask(&attributes_, &none)) return e;
-        return ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    ChildStack() {
+        page_ = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        void* base = ::mmap(nullptr, kSize + page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
+                            -1, 0);
+        if (base == MAP_FAILED) return;
+        base_ = base;
+        ::mprotect(base_, page_, PROT_NONE);
     }
+    ~ChildStack() {
+        if (base_) ::munmap(base_, kSize + page_);
+    }
+    ChildStack(const ChildStack&) = delete;
+    ChildStack& operator=(const ChildStack&) = delete;
 
-    const posix_spawn_file_actions_t* actions() const { return &actions_; }
-    const posix_spawnattr_t* attributes() const { return &attributes_; }
+    void* top() const { return base_ ? static_cast<char*>(base_) + page_ + kSize : nullptr; }
 
 private:
-    posix_spawn_file_actions_t actions_{};
-    posix_spawnattr_t attributes_{};
-    bool fileActionsOk_ = false;
-    bool attributesOk_ = false;
+    void* base_ = nullptr;
+    std::size_t page_ = 0;
 };
 
 }  // namespace
 
+// posix_spawn cannot start a program from a descriptor, so the child is made
+// the way it makes its own: clone sharing the helper's memory, the parent
+// suspended until the exec, every signal blocked around it.
 std::shared_ptr<ChildProcess> ChildProcess::launch(const Options& options, int* error) {
     auto fail = [error](int e) -> std::shared_ptr<ChildProcess> {
         if (error) *error = e;
@@ -246,8 +300,18 @@ std::shared_ptr<ChildProcess> ChildProcess::launch(const Options& options, int* 
     static_cast<void>(ProcessWatcher::shared());
 
     std::vector<UniqueFd> moved;
-    SpawnSetup setup;
-    if (int e = setup.prepare(options, moved)) return fail(e);
+    ExecPlan plan;
+    plan.streams[0] = movedAboveStandardStreams(options.standardInput, moved);
+    plan.streams[1] = movedAboveStandardStreams(options.standardOutput, moved);
+    plan.streams[2] = movedAboveStandardStreams(options.standardError, moved);
+    if (options.executableDescriptor >= 0) {
+        plan.executable = movedAboveStandardStreams(options.executableDescriptor, moved);
+        plan.keepExecutableOpen = isScript(plan.executable);
+    }
+    plan.path = options.executable.c_str();
+    if (options.workingDirectory && !options.workingDirectory->empty()) {
+        plan.workingDirectory = options.workingDirectory->c_str();
+    }
 
     std::vector<std::string> args;
     args.reserve(options.arguments.size() + 1);
@@ -256,26 +320,44 @@ std::shared_ptr<ChildProcess> ChildProcess::launch(const Options& options, int* 
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
+    plan.argv = argv.data();
 
     std::vector<std::string> envEntries;
     std::vector<char*> envp;
-    char** envPointer = environ;
+    plan.envp = environ;
     if (options.environment) {
         envEntries = environmentEntries(*options.environment);
         for (auto& e : envEntries) envp.push_back(e.data());
         envp.push_back(nullptr);
-        envPointer = envp.data();
+        plan.envp = envp.data();
     }
 
-    pid_t pid = -1;
-    const int spawnError =
-        ::posix_spawn(&pid, options.executable.c_str(), setup.actions(), setup.attributes(), argv.data(), envPointer);
-    if (spawnError != 0) return fail(spawnError);
+    thread_local const ChildStack stack;
+    if (!stack.top()) return fail(ENOMEM);
+    // Blocked in the kernel's terms (the C library would keep two of its
+    // own signals open): nothing can reach the child before its handlers
+    // are reset.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    sigemptyset(&previous);
+    ::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &previous, kKernelSignalSetSize);
+    int pidfd = -1;
+    const pid_t pid = ::clone(childMain, stack.top(), CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &plan, &pidfd);
+    const int cloneError = errno;
+    ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &previous, nullptr, kKernelSignalSetSize);
+    if (pid < 0) return fail(cloneError);
+    if (const int execError = plan.error.load(std::memory_order_relaxed)) {
+        ::close(pidfd);
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return fail(execError);
+    }
 
     auto state = std::make_shared<State>();
     state->pid = pid;
     ChildRegistry::shared().add(state);
-    watchForExit(state);
+    watchForExit(state, UniqueFd(pidfd));
     if (error) *error = 0;
     return std::shared_ptr<ChildProcess>(new ChildProcess(std::move(state)));
 }

@@ -1,10 +1,12 @@
-// A child process started with posix_spawn. Every child is reaped as soon as
-// it exits, whether or not anyone waits for it, so an exited child is never
-// seen as alive and no zombie is left behind.
+// A child process of the helper. Every child is reaped as soon as it exits,
+// whether or not anyone waits for it, so an exited child is never seen as
+// alive and no zombie is left behind.
 //
 // Children start in the requested working directory with default signal
 // dispositions and an empty signal mask, and inherit no descriptor of the
-// helper except the standard streams they are given.
+// helper except the standard streams they are given. A child can be started
+// from an open file, so that the file the helper checked is the one that
+// runs, whatever happens to its path meanwhile.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +22,13 @@ namespace korvo {
 class ChildProcess {
 public:
     struct Options {
+        // The program's path; with executableDescriptor only its argv[0].
         std::string executable;
+        // An open regular file to start (execveat with AT_EMPTY_PATH); -1:
+        // the file at executable. The caller keeps ownership. A script
+        // ("#!") started this way keeps it as descriptor 3, which its
+        // interpreter reads as /dev/fd/3 (and as its $0).
+        int executableDescriptor = -1;
         std::vector<std::string> arguments;  // argv[1...]; argv[0] is the executable path
         std::optional<std::string> workingDirectory;
         // The complete environment of the child; nullopt inherits the helper's.

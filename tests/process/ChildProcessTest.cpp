@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "process/ProcessProbe.h"
@@ -124,6 +126,28 @@ TEST(ChildProcessTest, InheritsNoDescriptorAndNoSignalSettingsOfTheHelper) {
     };
     EXPECT_EQ(maskOf("SigIgn") & 0x7fffffffull, 0u) << report;
     EXPECT_EQ(maskOf("SigBlk"), 0u) << report;
+}
+
+// Started from an open file, the child runs that file whatever its path
+// holds by then, and the descriptor is not handed down (ls itself opens
+// /proc/self/fd as 3).
+TEST(ChildProcessTest, StartsTheOpenFileAndHandsItNotDown) {
+    char dirTemplate[] = "/tmp/korvo-child-XXXXXX";
+    ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
+    const std::string path = std::string(dirTemplate) + "/ls";
+    std::filesystem::copy_file("/bin/ls", path);
+    UniqueFd executable(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(executable);
+    std::filesystem::remove(path);
+    std::ofstream(path) << "#!/bin/sh\necho replaced\n";
+    ::chmod(path.c_str(), 0755);
+
+    ChildProcess::Options options;
+    options.executable = path;
+    options.executableDescriptor = executable.get();
+    options.arguments = {"/proc/self/fd"};
+    EXPECT_EQ(outputOf(options), "0\n1\n2\n3\n");
+    std::filesystem::remove_all(dirTemplate);
 }
 
 TEST(ChildProcessTest, LaunchFailuresAreReportedAsErrno) {
