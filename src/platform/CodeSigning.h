@@ -54,8 +54,22 @@ class CodeSigning {
 public:
     virtual ~CodeSigning() = default;
 
-    // The signature state of the executable at path; never 0.
+    // The signature state of the executable at path; never 0. An unsigned
+    // system executable counts as valid (Linux: root-owned, in folders only
+    // root can write). A query: launches use the two checks below.
     virtual CodeSignState codeSignStateForExecutable(const std::string& path) = 0;
+
+    // The checks before a launch, made on the open regular file that the
+    // child is then started from, so that what was checked is what runs.
+    //
+    // A program named through the client (everything of its bundle): a
+    // status of codesign_status, 0 when the signature is intact and the
+    // signer satisfies the requirement text. No system-executable rule.
+    virtual int checkExecutable(int fd, std::string_view requirement) = 0;
+    // A system tool at one of the fixed paths that the helper names itself,
+    // never a path a caller can influence: its state, in which an unsigned
+    // system executable counts as valid.
+    virtual CodeSignState codeSignStateForSystemExecutable(int fd) = 0;
 
     // The three steps of client acceptance; each returns a status from
     // codesign_status (0 on success).

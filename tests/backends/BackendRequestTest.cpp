@@ -22,6 +22,8 @@ public:
     platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
         return platform::CodeSignState::Valid;
     }
+    int checkExecutable(int, std::string_view) override { return 0; }
+    platform::CodeSignState codeSignStateForSystemExecutable(int) override { return platform::CodeSignState::Valid; }
     int copyGuestWithPid(pid_t, std::unique_ptr<platform::GuestCode>&) override { return -1; }
     int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>&) override { return -1; }
     int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return -1; }

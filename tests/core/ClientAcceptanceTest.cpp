@@ -38,6 +38,8 @@ public:
     platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
         return platform::CodeSignState::Valid;
     }
+    int checkExecutable(int, std::string_view) override { return status::kSuccess; }
+    platform::CodeSignState codeSignStateForSystemExecutable(int) override { return platform::CodeSignState::Valid; }
     int copyGuestWithPid(pid_t pid, std::unique_ptr<platform::GuestCode>& guest) override {
         steps.push_back("guest " + std::to_string(pid));
         if (guestStatus == status::kSuccess) guest = std::make_unique<FakeGuest>(pid);

@@ -45,6 +45,10 @@ public:
     platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
         return platform::CodeSignState::Unsigned;
     }
+    int checkExecutable(int, std::string_view) override { return platform::codesign_status::kUnsigned; }
+    platform::CodeSignState codeSignStateForSystemExecutable(int) override {
+        return platform::CodeSignState::Unsigned;
+    }
     int copyGuestWithPid(pid_t pid, std::unique_ptr<platform::GuestCode>& guest) override {
         if (pid != 99) return platform::codesign_status::kNoSuchCode;
         guest = std::make_unique<FakeGuest>();

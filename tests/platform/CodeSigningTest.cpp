@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "SigningTestSupport.h"
+#include "core/ClientAcceptance.h"
 #include "platform/linux/CodeSigningLinux.h"
 #include "platform/linux/UniqueFd.h"
 
@@ -102,6 +103,29 @@ TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
                                              {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt,
                                               kTeamSigner.key}));
     EXPECT_EQ(readBytes(program), before);
+}
+
+// Before a launch, on the open file: a program named through the client
+// must be the vendor's, whatever its identifier, with no system-executable
+// rule; that rule is for the helper's own system tools.
+TEST_F(CodeSigningTest, LaunchChecksJudgeTheOpenFile) {
+    const auto launchStatus = [this](const std::string& path) {
+        const platform::codesign::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        return signing.checkExecutable(fd.get(), KorvoProgramRequirement);
+    };
+    const std::string vendor = dir.file("vendor");
+    signedCopy(kSmallProgram, vendor, "com.tallowmar.Korvo.vpnc");
+    EXPECT_EQ(launchStatus(vendor), status::kSuccess);
+    const std::string otherTeam = dir.file("otherteam");
+    signedCopy(kSmallProgram, otherTeam, "com.tallowmar.Korvo.vpnc", kOtherTeamSigner);
+    EXPECT_EQ(launchStatus(otherTeam), status::kRequirementFailed);
+    const std::string otherCa = dir.file("otherca");
+    signedCopy(kSmallProgram, otherCa, "com.tallowmar.Korvo.vpnc", kOtherCaSigner);
+    EXPECT_EQ(launchStatus(otherCa), status::kRequirementFailed);
+    EXPECT_EQ(launchStatus(kSmallProgram), status::kUnsigned);
+
+    const platform::codesign::UniqueFd system(::open(kSmallProgram, O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(signing.codeSignStateForSystemExecutable(system.get()), CodeSignState::Valid);
 }
 
 // A file beyond the size bound is not read at all, whatever its tail says:

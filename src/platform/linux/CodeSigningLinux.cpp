@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 
 #include "platform/linux/UniqueFd.h"
 #include "util/Format.h"
@@ -62,6 +61,18 @@ private:
 
 bool rootOwnedAndClosed(const struct stat& st) { return st.st_uid == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0; }
 
+// Where the open file is now, as the kernel names it; "" when unknown.
+std::string pathOfDescriptor(int fd) {
+    char path[PATH_MAX];
+    const ssize_t n = ::readlink(formatString("/proc/self/fd/%d", fd).c_str(), path, sizeof path);
+    return n > 0 && static_cast<std::size_t>(n) < sizeof path ? std::string(path, static_cast<std::size_t>(n))
+                                                               : std::string();
+}
+
+// The signer and the requirement are judged before the code is read: a
+// refused signer costs no pass over its file, however large.
+int statusAgainstRequirement(int fd, const codesign::Requirement& wanted, const codesign::CodeSigningAnchors& anchors);
+
 }  // namespace
 
 namespace codesign {
@@ -113,22 +124,48 @@ bool isSystemExecutable(const std::string& resolvedPath, int fd) {
 
 }  // namespace codesign
 
+namespace {
+
+int statusAgainstRequirement(int fd, const codesign::Requirement& wanted, const codesign::CodeSigningAnchors& anchors) {
+    const codesign::SignatureEvaluation evaluation =
+        codesign::evaluateSignature(fd, anchors, [&](const codesign::SignatureEvaluation& signer) {
+            return codesign::validityStatus(signer, wanted) == kSuccess;
+        });
+    if (!evaluation.codeRead) {
+        return kRequirementFailed;
+    }
+    return codesign::validityStatus(evaluation, wanted);
+}
+
+}  // namespace
+
 LinuxCodeSigning::LinuxCodeSigning(codesign::CodeSigningAnchors anchors) : anchors_(std::move(anchors)) {}
 
 CodeSignState LinuxCodeSigning::codeSignStateForExecutable(const std::string& path) {
-    char resolved[PATH_MAX];
-    if (path.empty() || !::realpath(path.c_str(), resolved)) {
+    if (path.empty()) {
         return CodeSignState::CouldNotCheck;
     }
-    const codesign::UniqueFd fd(::open(resolved, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const codesign::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid()) {
         return CodeSignState::CouldNotCheck;
     }
-    const codesign::SignatureEvaluation evaluation = codesign::evaluateSignature(fd.get(), anchors_);
-    if (evaluation.state == CodeSignState::Unsigned && codesign::isSystemExecutable(resolved, fd.get())) {
+    return codeSignStateForSystemExecutable(fd.get());
+}
+
+CodeSignState LinuxCodeSigning::codeSignStateForSystemExecutable(int fd) {
+    const codesign::SignatureEvaluation evaluation = codesign::evaluateSignature(fd, anchors_);
+    if (evaluation.state == CodeSignState::Unsigned && codesign::isSystemExecutable(pathOfDescriptor(fd), fd)) {
         return CodeSignState::Valid;
     }
     return evaluation.state;
+}
+
+int LinuxCodeSigning::checkExecutable(int fd, std::string_view requirement) {
+    const codesign::RequirementParse parsed = codesign::parseRequirement(requirement);
+    if (!parsed.ok) {
+        return kRequirementInvalid;
+    }
+    return statusAgainstRequirement(fd, parsed.requirement, anchors_);
 }
 
 int LinuxCodeSigning::copyGuestWithPid(pid_t pid, std::unique_ptr<GuestCode>& guest) {
@@ -174,22 +211,13 @@ int LinuxCodeSigning::checkValidity(const GuestCode& guest, const CodeRequiremen
     if (!parsed) {
         return kRequirementInvalid;
     }
-    // The signer and the requirement are judged before the code is read:
-    // a refused caller costs no pass over its file, however large.
-    const codesign::Requirement& wanted = parsed->requirement();
-    const codesign::SignatureEvaluation evaluation =
-        codesign::evaluateSignature(code->executable(), anchors_, [&](const codesign::SignatureEvaluation& signer) {
-            return codesign::validityStatus(signer, wanted) == kSuccess;
-        });
+    const int status = statusAgainstRequirement(code->executable(), parsed->requirement(), anchors_);
     // Whatever the verdict, it is only about this process if the process is
     // still the one that ran the file that was read.
-    if (const int status = code->stillSameCode(); status != kSuccess) {
-        return status;
+    if (const int same = code->stillSameCode(); same != kSuccess) {
+        return same;
     }
-    if (!evaluation.codeRead) {
-        return kRequirementFailed;
-    }
-    return codesign::validityStatus(evaluation, wanted);
+    return status;
 }
 
 std::unique_ptr<CodeSigning> makeSystemCodeSigning() {

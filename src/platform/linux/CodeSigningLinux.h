@@ -17,6 +17,10 @@ public:
     // The signature's state; an unsigned system executable (see
     // isSystemExecutable) counts as valid.
     CodeSignState codeSignStateForExecutable(const std::string& path) override;
+    // The signer is judged against the requirement before the code is read,
+    // as for a client.
+    int checkExecutable(int fd, std::string_view requirement) override;
+    CodeSignState codeSignStateForSystemExecutable(int fd) override;
 
     int copyGuestWithPid(pid_t pid, std::unique_ptr<GuestCode>& guest) override;
     int createRequirement(std::string_view text, std::unique_ptr<CodeRequirement>& requirement) override;
