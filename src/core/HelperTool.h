@@ -20,6 +20,8 @@
 #include "core/Bundle.h"
 #include "core/Error.h"
 #include "platform/CodeSigning.h"
+#include "process/Executables.h"
+#include "process/UniqueFd.h"
 #include "util/StoreArea.h"
 #include "util/Value.h"
 
@@ -114,6 +116,8 @@ public:
     // --- Process runner -------------------------------------------------------
     // Starts the executable at path after checking its signature; returns the
     // child's process identifier, or -1 with *error set (when error is given).
+    // The file is opened once (openExecutableForLaunch) and the child started
+    // from that descriptor.
     pid_t runServiceAtPath(const std::optional<std::string>& path,
                            const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
                            bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
@@ -125,6 +129,18 @@ public:
     pid_t runServiceAtPath(const std::optional<std::string>& path,
                            const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
                            bool waitUntilExit, MaybeError* error);
+    // The same for one of the helper's own system tools.
+    pid_t runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
+                        std::uint64_t comPort, bool waitUntilExit,
+                        const std::optional<Environment>& additionalEnvironment,
+                        std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error);
+    // The program at path opened for starting it (openProgramFile) when that
+    // open file satisfies KorvoProgramRequirement; invalid otherwise. Start
+    // it from this descriptor (ChildProcess::Options::executableDescriptor).
+    UniqueFd openExecutableForLaunch(const std::string& path);
+    // The same for a system tool, which may also be an unsigned system
+    // executable.
+    UniqueFd openSystemToolForLaunch(SystemTool tool);
     // A connected TCP socket to the client's com port on this host (the
     // caller owns the descriptor), or -1.
     int openSocketOnPort(std::uint64_t port);

@@ -1,6 +1,7 @@
-// The service object's process runner: the signature gate, the child's
-// standard streams (the client's com port or a pipe), the optional wait and
-// the error made from a failing exit.
+// The service object's process runner: the signature gate on the program's
+// open file, the child started from that file, its standard streams (the
+// client's com port or a pipe), the optional wait and the error made from a
+// failing exit.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -13,6 +14,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "core/ClientAcceptance.h"
 #include "core/HelperTool.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ChildProcess.h"
@@ -81,35 +83,35 @@ std::map<std::string, std::string> helperEnvironment() {
     return environment;
 }
 
-}  // namespace
-
-pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
-                                        const std::optional<std::vector<std::string>>& arguments,
-                                        std::uint64_t comPort, bool waitUntilExit,
-                                        const std::optional<Environment>& additionalEnvironment,
-                                        std::shared_ptr<CSCapturedProcessOutput>* capturedOutput,
-                                        MaybeError* error) {
-    if (!path || !fileExists(*path)) {
-        logMessage(LOG_ERR, "Cannot find executable at path '%s'.", pathText(path).c_str());
-        if (error) {
-            *error = errorWithKorvoErrorCode(
-                kCodeRequiredFileMissing, formatString("Cannot find executable at path %s", pathText(path).c_str()));
-        }
-        return -1;
+pid_t refuseMissingExecutable(const std::string& shownPath, MaybeError* error) {
+    logMessage(LOG_ERR, "Cannot find executable at path '%s'.", shownPath.c_str());
+    if (error) {
+        *error = errorWithKorvoErrorCode(kCodeRequiredFileMissing,
+                                         formatString("Cannot find executable at path %s", shownPath.c_str()));
     }
-    if (codeSignStateForExecutable(*path) != platform::CodeSignState::Valid) {
-        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", path->c_str());
+    return -1;
+}
+
+// The launch shared by the runner's two entries, once the program's file is
+// open and checked (executable invalid: the check failed).
+pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd executable,
+                 const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort, bool waitUntilExit,
+                 const std::optional<Environment>& additionalEnvironment,
+                 std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error) {
+    if (!executable) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", path.c_str());
         if (error) {
             *error = errorWithKorvoErrorCode(kCodeInvalidSignature,
                                              formatString("Cannot verify signature of executable at path %s",
-                                                          path->c_str()));
+                                                          path.c_str()));
         }
         return -1;
     }
 
     ChildProcess::Options options;
-    options.executable = *path;
-    options.workingDirectory = tmpDirPath();
+    options.executable = path;
+    options.executableDescriptor = executable.get();
+    options.workingDirectory = tool.tmpDirPath();
     if (additionalEnvironment && !additionalEnvironment->empty()) {
         auto environment = helperEnvironment();
         for (const auto& [key, value] : *additionalEnvironment) environment[key] = value;
@@ -118,10 +120,10 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
 
     int pipeEnds[2];
     if (::pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
         if (error) {
             *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                             formatString("Cannot find executable at path %s", path->c_str()));
+                                             formatString("Cannot find executable at path %s", path.c_str()));
         }
         return -1;
     }
@@ -130,7 +132,7 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
 
     UniqueFd comSocket;
     if (comPort != 0) {
-        comSocket.reset(openSocketOnPort(comPort));
+        comSocket.reset(tool.openSocketOnPort(comPort));
         if (!comSocket) {
             if (error) {
                 *error = errorWithKorvoErrorCode(kCodeLaunching,
@@ -160,11 +162,12 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
     // pipe's writing end (so the pipe ends when the child does).
     comSocket.reset();
     writeEnd.reset();
+    executable.reset();
     if (!child) {
-        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
         if (error) {
             *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                             formatString("Cannot find executable at path %s", path->c_str()));
+                                             formatString("Cannot find executable at path %s", path.c_str()));
         }
         return -1;
     }
@@ -191,7 +194,7 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
     const int status = child->waitUntilExit();
     if (status == 0) return child->pid();
 
-    logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path->c_str());
+    logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
     if (!error) return child->pid();
     const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
     if (!output.empty()) {
@@ -201,9 +204,52 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
                                          isValidUTF8(output) ? std::optional<std::string>(output) : std::nullopt);
     } else {
         *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                         formatString("Cannot successfully run executable at path %s", path->c_str()));
+                                         formatString("Cannot successfully run executable at path %s", path.c_str()));
     }
     return -1;
+}
+
+}  // namespace
+
+pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+                                        const std::optional<std::vector<std::string>>& arguments,
+                                        std::uint64_t comPort, bool waitUntilExit,
+                                        const std::optional<Environment>& additionalEnvironment,
+                                        std::shared_ptr<CSCapturedProcessOutput>* capturedOutput,
+                                        MaybeError* error) {
+    if (!path || !fileExists(*path)) return refuseMissingExecutable(pathText(path), error);
+    return runChecked(*this, *path, openExecutableForLaunch(*path), arguments, comPort, waitUntilExit,
+                      additionalEnvironment, capturedOutput, error);
+}
+
+pid_t KorvoHelperTool::runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
+                                     std::uint64_t comPort, bool waitUntilExit,
+                                     const std::optional<Environment>& additionalEnvironment,
+                                     std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error) {
+    const std::string path = systemToolPath(tool);
+    if (!fileExists(path)) return refuseMissingExecutable(path, error);
+    return runChecked(*this, path, openSystemToolForLaunch(tool), arguments, comPort, waitUntilExit,
+                      additionalEnvironment, capturedOutput, error);
+}
+
+UniqueFd KorvoHelperTool::openExecutableForLaunch(const std::string& path) {
+    if (!services_.codeSigning) return UniqueFd();
+    UniqueFd executable = openProgramFile(path);
+    if (!executable || services_.codeSigning->checkExecutable(executable.get(), KorvoProgramRequirement) !=
+                           platform::codesign_status::kSuccess) {
+        return UniqueFd();
+    }
+    return executable;
+}
+
+UniqueFd KorvoHelperTool::openSystemToolForLaunch(SystemTool tool) {
+    if (!services_.codeSigning) return UniqueFd();
+    UniqueFd executable = openProgramFile(systemToolPath(tool));
+    if (!executable || services_.codeSigning->codeSignStateForSystemExecutable(executable.get()) !=
+                           platform::CodeSignState::Valid) {
+        return UniqueFd();
+    }
+    return executable;
 }
 
 pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,

@@ -12,11 +12,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include "core/ClientAcceptance.h"
 #include "core/HelperTool.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ProcessProbe.h"
@@ -30,12 +32,26 @@ namespace {
 using namespace std::chrono_literals;
 using platform::CodeSignState;
 
+// Judges files by the path they were opened under; duringCheck runs while
+// the runner checks a program, as a swap would.
 class ScriptedCodeSigning final : public platform::CodeSigning {
 public:
     std::map<std::string, CodeSignState> states;
+    std::function<void()> duringCheck;
+    std::string requirement;
+
     CodeSignState codeSignStateForExecutable(const std::string& path) override {
         const auto it = states.find(path);
         return it == states.end() ? CodeSignState::Valid : it->second;
+    }
+    int checkExecutable(int fd, std::string_view requirementText) override {
+        requirement = requirementText;
+        const CodeSignState state = codeSignStateForSystemExecutable(fd);
+        if (duringCheck) duringCheck();
+        return state == CodeSignState::Valid ? 0 : platform::codesign_status::kRequirementFailed;
+    }
+    CodeSignState codeSignStateForSystemExecutable(int fd) override {
+        return codeSignStateForExecutable(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
     }
     int copyGuestWithPid(pid_t, std::unique_ptr<platform::GuestCode>&) override { return -1; }
     int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>&) override { return -1; }
@@ -129,6 +145,37 @@ TEST_F(ServiceRunnerTest, MissingExecutableIsCode62) {
     EXPECT_EQ(error->code, 62);
     EXPECT_EQ(messageOf(error), "Cannot find executable at path " + missing);
     EXPECT_EQ(errorLines().back(), "Cannot find executable at path '" + missing + "'.");
+}
+
+// What was checked is what runs: a program renamed over the path during
+// the check changes nothing, and a path that could lead to another file
+// than the one checked is refused.
+TEST_F(ServiceRunnerTest, TheCheckedFileIsTheOneThatRuns) {
+    const std::string program = script("checked", "exit 0");
+    const std::string other = script("swapped", "exit 0");
+    signing_->duringCheck = [&] { std::filesystem::rename(other, program); };
+    MaybeError error;
+    EXPECT_GT(tool_->runServiceAtPath(program, std::nullopt, 0, true, &error), 0) << messageOf(error);
+    EXPECT_TRUE(ran("checked"));
+    EXPECT_FALSE(ran("swapped"));
+    EXPECT_EQ(signing_->requirement, KorvoProgramRequirement);
+    signing_->duringCheck = nullptr;
+
+    // A link (the target is judged, the link would run whatever it points
+    // to next), a FIFO (an open that would block), and files that someone
+    // but root could rewrite in place after the check.
+    const std::string target = script("target", "exit 0");
+    std::filesystem::create_symlink(target, dir_ + "/link");
+    ASSERT_EQ(::mkfifo((dir_ + "/fifo").c_str(), 0755), 0);
+    const std::string groupWritable = script("groupwritable", "exit 0");
+    ::chmod(groupWritable.c_str(), 0775);
+    const std::string usersOwn = script("usersown", "exit 0");
+    ASSERT_EQ(::chown(usersOwn.c_str(), 65534, 65534), 0);
+    for (const std::string& path : {dir_ + "/link", dir_ + "/fifo", groupWritable, usersOwn}) {
+        EXPECT_EQ(tool_->runServiceAtPath(path, std::nullopt, 0, true, &error), -1) << path;
+        EXPECT_EQ(messageOf(error), "Cannot verify signature of executable at path " + path);
+    }
+    EXPECT_FALSE(ran("target") || ran("groupwritable") || ran("usersown"));
 }
 
 TEST_F(ServiceRunnerTest, OnlyAValidSignatureAllowsALaunch) {

@@ -1,6 +1,7 @@
 // Tunnel interface configuration with /sbin/ifconfig, run through the
-// service object's process runner and waited for; ifconfig's own failure
-// comes back as the runner's error (code 68 with its output).
+// service object's process runner as one of its system tools and waited
+// for; ifconfig's own failure comes back as the runner's error (code 68
+// with its output).
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,11 +13,9 @@
 namespace korvo::platform {
 namespace {
 
-constexpr const char* kIfconfigPath = "/sbin/ifconfig";
-
 MaybeError runIfconfig(KorvoHelperTool& tool, std::vector<std::string> arguments) {
     MaybeError error;
-    tool.runServiceAtPath(std::string(kIfconfigPath), std::move(arguments), 0, true, &error);
+    tool.runSystemTool(SystemTool::Ifconfig, std::move(arguments), 0, true, std::nullopt, nullptr, &error);
     return error;
 }
 
