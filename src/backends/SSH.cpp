@@ -73,7 +73,8 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
             return;
         }
     }
-    if (codeSignStateForExecutable(kSSHPath) != platform::CodeSignState::Valid) {
+    const UniqueFd ssh = openSystemToolForLaunch(SystemTool::SSH);
+    if (!ssh) {
         logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", kSSHPath);
         reply(errorWithKorvoErrorCode(69, formatString("Cannot verify signature of executable at path %s", kSSHPath)),
               -1);
@@ -82,6 +83,7 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
 
     ChildProcess::Options options;
     options.executable = kSSHPath;
+    options.executableDescriptor = ssh.get();
     options.arguments = std::move(arguments);
     options.workingDirectory = tmpDirPath();
     options.environment = environmentWith({{"SSH_ASKPASS", askpassPath},
