@@ -128,7 +128,15 @@ MaybeError removeFile(const std::string& path) {
 }
 
 MaybeError setPosixPermissions(const std::string& path, mode_t mode) {
-    if (::chmod(path.c_str(), mode) == 0) return std::nullopt;
+    // chmod would follow a link in the last component: a client's name
+    // planted as a link to a root-only file would open that file up.
+    const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return fileSystemError(errno, FileOperation::SetAttributes, path);
+    FdCloser closer{fd};
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) return fileSystemError(errno, FileOperation::SetAttributes, path);
+    if (S_ISLNK(st.st_mode)) return fileSystemError(ELOOP, FileOperation::SetAttributes, path);
+    if (::fchmodat(AT_FDCWD, formatString("/proc/self/fd/%d", fd).c_str(), mode, 0) == 0) return std::nullopt;
     return fileSystemError(errno, FileOperation::SetAttributes, path);
 }
 

@@ -34,6 +34,8 @@ MaybeError writeFileAtomically(const std::string& path, std::span<const std::uin
 MaybeError writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
 
 MaybeError removeFile(const std::string& path);
+// Changes the mode of the file at path itself: a symbolic link there is an
+// error, never followed.
 MaybeError setPosixPermissions(const std::string& path, mode_t mode);
 // Creates the directory and any missing parents with the given mode.
 MaybeError createDirectory(const std::string& path, mode_t mode);

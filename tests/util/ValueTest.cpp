@@ -102,6 +102,20 @@ TEST_F(FileSystemTest, ReadsOnlyRegularFilesOfBoundedSize) {
     EXPECT_EQ(readFile(huge)->size(), kMaximumReadFileSize);
 }
 
+// A link planted under a name whose mode the helper sets is not followed.
+TEST_F(FileSystemTest, PermissionsAreSetOnTheFileNeverThroughALink) {
+    const std::string secret = dir_ + "/secret";
+    ASSERT_FALSE(writeFileAtomically(secret, std::string_view("s"), 0600));
+    ASSERT_EQ(::symlink(secret.c_str(), (dir_ + "/askpass").c_str()), 0);
+    EXPECT_TRUE(setPosixPermissions(dir_ + "/askpass", 0777));
+    struct stat st {};
+    ASSERT_EQ(::stat(secret.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_FALSE(setPosixPermissions(secret, 0640));
+    ASSERT_EQ(::stat(secret.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
 TEST_F(FileSystemTest, CreatesIntermediateDirectories) {
     ASSERT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
     EXPECT_TRUE(isDirectory(dir_ + "/a/b/c"));
