@@ -11,14 +11,19 @@
 
 #include <vector>
 
+#include "core/ClientAcceptance.h"
 #include "core/HelperTool.h"
 #include "util/CharacterSets.h"
+#include "util/DataAdditions.h"
 #include "util/FileSystem.h"
+#include "util/Format.h"
 #include "util/UniqueFd.h"
 
 namespace korvo {
 
 namespace {
+
+constexpr std::int64_t kLaunchingCode = 68;
 
 // OpenSSL's default provider and the legacy one (old ciphers and digests
 // that some VPN servers still use).
@@ -171,6 +176,35 @@ MaybeError linkSharedFileForClient(const std::string& shared, const std::string&
     if (::linkat(AT_FDCWD, shared.c_str(), directory.get(), name.c_str(), 0) == 0) return std::nullopt;
     if (errno == EXDEV && ::symlinkat(shared.c_str(), directory.get(), name.c_str()) == 0) return std::nullopt;
     return fileSystemError(errno, FileOperation::Write, path);
+}
+
+Result<std::string> copyVendorProgram(platform::CodeSigning& signing, const ConnectionDirectory& directory,
+                                      const std::string& source, std::string_view fileName, mode_t mode,
+                                      bool allowSystemScript) {
+    return directory.copyProgram(source, fileName, mode, [&](int copy, int original, const std::string& resolved) {
+        if (signing.checkExecutable(copy, KorvoProgramRequirement) == platform::codesign_status::kSuccess) return true;
+        return allowSystemScript && resolved == kSystemConnectionScript &&
+               signing.codeSignStateForSystemExecutable(original) == platform::CodeSignState::Valid;
+    });
+}
+
+Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& directory, ConfiguredProgram program,
+                                             const std::string& source, std::string_view fileName,
+                                             const std::function<std::string(std::string)>& adjust) {
+    const auto bytes = readFile(source);
+    if (!bytes) return bytes.error();
+    std::size_t copies = 0;
+    const auto copier = [&](std::string_view, std::string_view path) -> std::optional<std::string> {
+        const auto referenced = readFile(std::string(path));
+        if (!referenced) return std::nullopt;
+        auto copy = directory.writeFile(formatString("file-%zu", ++copies), *referenced, 0600);
+        return copy ? std::optional<std::string>(*copy) : std::nullopt;
+    };
+    ConfigurationCheck check = checkConfiguration(
+        program, std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()), copier);
+    if (check.refusal) return errorWithKorvoErrorCode(kLaunchingCode, *check.refusal);
+    const std::string text = adjust ? adjust(std::move(check.text)) : std::move(check.text);
+    return directory.writeFile(fileName, bytesOf(text), 0600);
 }
 
 }  // namespace korvo

@@ -1,12 +1,16 @@
 // Pieces shared by the OpenVPN, vpnc, SSH and OpenConnect backends.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "core/Bundle.h"
+#include "backends/ConfigurationPolicy.h"
+#include "backends/ConnectionDirectory.h"
 #include "core/Error.h"
+#include "platform/CodeSigning.h"
 
 namespace korvo {
 
@@ -35,6 +39,29 @@ std::string shellQuoted(std::string_view text);
 // the client's directory is opened without following a final link.
 MaybeError linkSharedFileForClient(const std::string& shared, const std::string& clientDirectory,
                                    const std::string& name);
+
+// The one system script that a connection may use instead of the vendor's:
+// Debian's vpnc-script (package vpnc-scripts), root's in root-only folders.
+inline constexpr std::string_view kSystemConnectionScript = "/usr/share/vpnc-scripts/vpnc-script";
+
+// Copies the program or script at source into the connection's directory
+// and keeps the copy only when it is the vendor's (it satisfies
+// KorvoProgramRequirement) or, with allowSystemScript, when source is
+// kSystemConnectionScript as the system installed it. A script the client
+// wrote itself runs nothing as root. Refused: code 69.
+Result<std::string> copyVendorProgram(platform::CodeSigning& signing, const ConnectionDirectory& directory,
+                                      const std::string& source, std::string_view fileName, mode_t mode,
+                                      bool allowSystemScript);
+
+// Reads the client's configuration (bounded, non-blocking, a regular file),
+// checks it against the program's allow-list, copies every file it names
+// into the connection's directory, and writes the checked text, naming the
+// copies, there as fileName (0600). adjust, when given, changes the checked
+// text before it is written. A refused configuration is code 68 with the
+// reason.
+Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& directory, ConfiguredProgram program,
+                                             const std::string& source, std::string_view fileName,
+                                             const std::function<std::string(std::string)>& adjust = {});
 
 // A string argument as logs show it: nil as "(null)".
 std::string displayText(const std::optional<std::string>& text);

@@ -28,14 +28,16 @@ std::string_view programName(ConfiguredProgram program) {
 
 std::string_view article(ConfiguredProgram program) { return program == ConfiguredProgram::VPNC ? "a" : "an"; }
 
-// Names come from the client's text: long ones are cut at a character
-// boundary so that a message stays a message.
+// Names come from the client's text, and the text may be a file that only
+// root could read (a configuration path naming /etc/shadow): a name is shown
+// only when it looks like a directive, and never longer than 64 bytes.
 std::string shown(std::string_view name) {
     constexpr std::size_t kLongest = 64;
-    if (name.size() <= kLongest) return std::string(name);
-    std::size_t end = kLongest;
-    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;
-    return std::string(name.substr(0, end)) + "...";
+    const bool plain = !name.empty() && name.size() <= kLongest && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+               c == '.' || c == ' ' || c == '<' || c == '>' || c == '/' || c == '\'' || c == '"' || c == '=';
+    });
+    return plain ? std::string(name) : std::string("(not a directive)");
 }
 
 // Longest line, in bytes before the line feed, that the program reads as

@@ -93,7 +93,9 @@ Result<std::string> ConnectionDirectory::copyProgram(const std::string& source, 
         return errorWithKorvoErrorCode(kInvalidSignatureCode,
                                        formatString("Cannot verify signature of executable at path %s", source.c_str()));
     };
-    UniqueFd in(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    // Links are followed: the check is made on the copy, and the rules about
+    // where a file lies look at the file that was opened.
+    UniqueFd in(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st {};
     if (!in) return fileSystemError(errno, FileOperation::Read, source);
     if (::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
@@ -101,7 +103,10 @@ Result<std::string> ConnectionDirectory::copyProgram(const std::string& source, 
         return refused();
     }
     char resolved[PATH_MAX];
-    if (!::realpath(source.c_str(), resolved)) return refused();
+    const ssize_t length =
+        ::readlink(formatString("/proc/self/fd/%d", in.get()).c_str(), resolved, sizeof resolved - 1);
+    if (length <= 0) return refused();
+    resolved[length] = '\0';
 
     const std::string name(fileName);
     UniqueFd out(::openat(fd_.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0700));

@@ -38,11 +38,11 @@ public:
     // came from (open, and its resolved path) for rules about where it lies.
     using ProgramCheck = std::function<bool(int copy, int source, const std::string& resolvedSource)>;
 
-    // Copies the program at source (opened without following a final link,
-    // non-blocking, a regular file of at most kMaximumCopiedProgramSize
-    // bytes) with the given mode, and keeps the copy only when check accepts
-    // it: what was checked is what the program will run, whatever happens
-    // to the client's file afterwards. The error of a refused program is
+    // Copies the program at source (opened non-blocking, a regular file of at
+    // most kMaximumCopiedProgramSize bytes) with the given mode, and keeps
+    // the copy only when check accepts it: what was checked is what the
+    // program will run, whatever happens to the client's file afterwards.
+    // resolvedSource is the path of the file that was actually opened. The error of a refused program is
     // code 69, "Cannot verify signature of executable at path SOURCE".
     Result<std::string> copyProgram(const std::string& source, std::string_view fileName, mode_t mode,
                                     const ProgramCheck& check) const;

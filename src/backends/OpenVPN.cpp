@@ -33,9 +33,7 @@ Result<OpenVPNFiles> prepareOpenVPNFiles(const StoreArea* store, const std::stri
     }
     auto directory = ConnectionDirectory::create(*store, connectionName);
     if (!directory) return directory.error();
-    const auto text = readFile(configPath);
-    if (!text) return text.error();
-    auto config = directory->writeFile("config", *text, 0600);
+    auto config = copyCheckedConfiguration(*directory, ConfiguredProgram::OpenVPN, configPath, "config");
     if (!config) return config.error();
 
     const std::string sharedName = std::filesystem::path(directory->path()).filename().string();

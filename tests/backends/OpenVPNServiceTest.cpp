@@ -156,18 +156,29 @@ TEST_F(OpenVPNServiceTest, ConnectsThroughTheManagementInterfaceAndCarriesTraffi
     EXPECT_TRUE(zombieChildrenOf(helper_.helperPid()).empty());
 }
 
+// A configuration outside the allow-list starts nothing; one that OpenVPN
+// itself rejects comes back in OpenVPN's words.
 TEST_F(OpenVPNServiceTest, ConfigurationErrorsComeBackWithOpenVPNsOwnWords) {
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
-    const std::string config = dir_.write("Broken.ovpn", "client\nnot-a-directive 1\n");
-    const Dictionary reply =
-        helper_.call("connectOpenVPNWithConfig", {{"config", config}, {"managementPort", kManagementPort}});
+    const std::string marker = dir_.path() + "/payload-ran";
+    const std::string hostile = dir_.write("Hostile.ovpn", "client\ndev tun\nscript-security 2\nup \"/bin/touch " +
+                                                              marker + "\"\n");
+    Dictionary reply =
+        helper_.call("connectOpenVPNWithConfig", {{"config", hostile}, {"managementPort", kManagementPort}});
     EXPECT_EQ(errorCodeOf(reply), 68);
-    EXPECT_THAT(errorMessageOf(reply), HasSubstr("Unrecognized option or missing or extra parameter(s)"));
+    EXPECT_EQ(errorMessageOf(reply),
+              "Value of directive 'script-security' is not allowed in an OpenVPN configuration (line 3).");
+
+    const std::string broken = dir_.write("Broken.ovpn", "client\nproto bogus\n");
+    reply = helper_.call("connectOpenVPNWithConfig", {{"config", broken}, {"managementPort", kManagementPort}});
+    EXPECT_EQ(errorCodeOf(reply), 68);
+    EXPECT_THAT(errorMessageOf(reply), HasSubstr("Options error"));
     EXPECT_THAT(helper_.helperLog(),
                 HasSubstr("Executable '" + std::string(KORVO_TEST_BUNDLE_PATH) +
                           "/Contents/MacOS/openvpn' could not be executed successfully."));
     EXPECT_TRUE(processesRunningFrom(KORVO_TEST_BUNDLE_PATH).empty());
     EXPECT_TRUE(zombieChildrenOf(helper_.helperPid()).empty());
+    EXPECT_FALSE(std::filesystem::exists(marker));
 }
 
 }  // namespace
