@@ -16,24 +16,45 @@ void KorvoHelperTool::connectVPNCWithConfig(const std::optional<std::string>& co
                bundle ? bundle->bundlePath().c_str() : "(null)", displayText(configPath).c_str(),
                static_cast<long>(comPort), tmpDir.c_str());
 
-    const std::string scriptPath =
-        appendPathComponent(tmpDir, connectionNameForConfigPath(configPath) + "-vpnc-script.sh");
+    const std::string connectionName = connectionNameForConfigPath(configPath);
+    const std::string scriptPath = appendPathComponent(tmpDir, connectionName + "-vpnc-script.sh");
     if (!fileExists(scriptPath)) {
         reply(errorWithKorvoErrorCode(62, formatString("vpnc script file not found at %s", scriptPath.c_str())), -1);
         return;
     }
+    if (!services().storeArea || !services().codeSigning) {
+        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
+        return;
+    }
+    // vpnc reads copies that the client can no longer change: the
+    // configuration checked against vpnc's allow-list, and the script only
+    // when it is the vendor's or the system's vpnc-script.
+    auto directory = ConnectionDirectory::create(*services().storeArea, connectionName);
+    if (!directory) {
+        reply(directory.error(), -1);
+        return;
+    }
+    auto config = copyCheckedConfiguration(*directory, ConfiguredProgram::VPNC, configPath.value_or(std::string()),
+                                           "config");
+    if (!config) {
+        reply(config.error(), -1);
+        return;
+    }
+    auto script = copyVendorProgram(*services().codeSigning, *directory, scriptPath, "vpnc-script", 0700, true);
+    if (!script) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", scriptPath.c_str());
+        reply(script.error(), -1);
+        return;
+    }
 
     const std::vector<std::string> arguments = {
-        "--debug", vpnDebugLoggingEnabled() ? "3" : "1", configPath.value_or(std::string()),
-        "--script", scriptPath, "--local-port", "0",
+        "--debug", vpnDebugLoggingEnabled() ? "3" : "1", *config, "--script", *script, "--local-port", "0",
     };
 
     const std::string executable = auxiliaryExecutablePath(bundle, "vpnc");
-    for (const auto& path : {scriptPath, executable}) {
-        if (auto error = setPosixPermissions(path, 0755)) {
-            reply(error, -1);
-            return;
-        }
+    if (auto error = setPosixPermissions(executable, 0755)) {
+        reply(error, -1);
+        return;
     }
 
     MaybeError error;

@@ -120,7 +120,8 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
     silentGateway();
     const std::string config = dir_.write("Branch.conf", "IPSec gateway 10.79.0.2\nIPSec ID group\nIPSec secret s\n"
                                                          "Xauth username user\nXauth password p\n");
-    const std::string script = dir_.write("Branch-vpnc-script.sh", "#!/bin/sh\nexit 0\n");
+    const std::string script = dir_.path() + "/Branch-vpnc-script.sh";
+    std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", script);
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
 
     ComPort comPort;
@@ -129,8 +130,12 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
     const pid_t pid = started(reply);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(comPort.waitFor("vpnc version")) << comPort.text();
-    EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{kBundle + "/Contents/MacOS/vpnc", "--debug", "3", config,
-                                                           "--script", script, "--local-port", "0"}));
+    // vpnc runs on copies in the connection's root-only directory.
+    const std::string copies = "/var/run/Korvo/connections/Branch/";
+    EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{kBundle + "/Contents/MacOS/vpnc", "--debug", "3",
+                                                           copies + "config", "--script", copies + "vpnc-script",
+                                                           "--local-port", "0"}));
+    EXPECT_EQ(runCommand("cmp " + copies + "vpnc-script /usr/share/vpnc-scripts/vpnc-script").status, 0);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"), dir_.path());
 }
 
@@ -188,7 +193,15 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLe
 
 TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     const std::string config = dir_.write("Branch.conf", "IPSec gateway 10.79.0.2\n");
-    dir_.write("Branch-vpnc-script.sh", "#!/bin/sh\n");
+    const std::string marker = dir_.path() + "/payload-ran";
+    // A script the client wrote itself never runs as root.
+    dir_.write("Branch-vpnc-script.sh", "#!/bin/sh\ntouch " + marker + "\n");
+    Dictionary reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", std::uint64_t{1}}});
+    EXPECT_EQ(errorCodeOf(reply), 69);
+    EXPECT_EQ(errorMessageOf(reply), "Cannot verify signature of executable at path " + dir_.path() +
+                                         "/Branch-vpnc-script.sh");
+    std::filesystem::remove(dir_.path() + "/Branch-vpnc-script.sh");
+    std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Branch-vpnc-script.sh");
 
     // Nobody listens on the com port.
     std::uint64_t closedPort;
@@ -196,7 +209,7 @@ TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
         ComPort gone;
         closedPort = gone.port();
     }
-    Dictionary reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", closedPort}});
+    reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", closedPort}});
     EXPECT_EQ(errorCodeOf(reply), 68);
     EXPECT_EQ(errorMessageOf(reply), "Could not open the VPN process communication socket.");
     EXPECT_EQ(pidOf(reply), -1);
@@ -231,6 +244,7 @@ TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     EXPECT_TRUE(waitUntilGone(ssh));  // and fails on its own: that is no ssh configuration
 
     EXPECT_TRUE(processesRunningFrom(kBundle).empty());
+    EXPECT_FALSE(std::filesystem::exists(marker));
 }
 
 }  // namespace
