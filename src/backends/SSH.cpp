@@ -64,14 +64,32 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
               -1);
         return;
     }
-    // Both world-writable on purpose: the askpass program and ssh's run
-    // directory are shared with the client application.
-    for (const auto& [path, mode] : {std::pair<std::string, mode_t>{askpassPath, 0777},
-                                     std::pair<std::string, mode_t>{std::string(KorvoRunDirectory), 0777}}) {
-        if (auto error = setPosixPermissions(path, mode)) {
-            reply(error, -1);
-            return;
-        }
+    // ssh gets copies in the connection's root-only directory: its
+    // configuration checked against ssh's allow-list, and the askpass
+    // program, root's and 0755, only when it is the vendor's. Neither the
+    // client's askpass nor the run directory is opened up to everyone.
+    if (!services().storeArea || !services().codeSigning) {
+        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
+        return;
+    }
+    const std::string connectionName = connectionNameForConfigPath(configPath);
+    auto directory = ConnectionDirectory::create(*services().storeArea, connectionName);
+    if (!directory) {
+        reply(directory.error(), -1);
+        return;
+    }
+    auto config =
+        copyCheckedConfiguration(*directory, ConfiguredProgram::SSH, configPath.value_or(std::string()), "config");
+    if (!config) {
+        reply(config.error(), -1);
+        return;
+    }
+    arguments[3] = *config;
+    auto askpass = copyVendorProgram(*services().codeSigning, *directory, askpassPath, "ssh_askpass_korvo", 0755, false);
+    if (!askpass) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", askpassPath.c_str());
+        reply(askpass.error(), -1);
+        return;
     }
     const UniqueFd ssh = openSystemToolForLaunch(SystemTool::SSH);
     if (!ssh) {
@@ -86,9 +104,9 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     options.executableDescriptor = ssh.get();
     options.arguments = std::move(arguments);
     options.workingDirectory = tmpDirPath();
-    options.environment = environmentWith({{"SSH_ASKPASS", askpassPath},
+    options.environment = environmentWith({{"SSH_ASKPASS", *askpass},
                                            {"DISPLAY", ":0"},
-                                           {"CS_UNIQUE_IDENTIFIER", connectionNameForConfigPath(configPath)}});
+                                           {"CS_UNIQUE_IDENTIFIER", connectionName}});
     // Without a com port socket ssh keeps the helper's own streams.
     UniqueFd comSocket(openSocketOnPort(comPort));
     options.standardOutput = comSocket.get();

@@ -99,16 +99,21 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
     const pid_t pid = started(reply);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(comPort.waitFor("Authenticated to 10.78.0.2")) << comPort.text() << "\nsshd:\n" << sshd.log();
-    EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{"/usr/bin/ssh", "-v", "-N", "-F", config, "-l", "root",
-                                                           "--", "10.78.0.2"}));
-    // The askpass program and ssh's run directory are opened up to everyone.
+    // ssh runs on copies in the connection's root-only directory; neither
+    // the client's askpass program nor the run directory is opened up.
+    const std::string copies = "/var/run/Korvo/connections/Tunnel/";
+    EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{"/usr/bin/ssh", "-v", "-N", "-F", copies + "config", "-l",
+                                                           "root", "--", "10.78.0.2"}));
     struct stat st {};
+    ASSERT_EQ(::stat((copies + "ssh_askpass_korvo").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(st.st_uid, 0u);
     ASSERT_EQ(::stat((kBundle + "/Contents/MacOS/ssh_askpass_korvo").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(st.st_mode & 0022, 0u);
     ASSERT_EQ(::stat("/var/run/Korvo", &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(st.st_mode & 0002, 0u);
     const auto environment = runCommand("tr '\\0' '\\n' < /proc/" + std::to_string(pid) + "/environ").output;
-    EXPECT_THAT(environment, HasSubstr("SSH_ASKPASS=" + kBundle + "/Contents/MacOS/ssh_askpass_korvo\n"));
+    EXPECT_THAT(environment, HasSubstr("SSH_ASKPASS=" + copies + "ssh_askpass_korvo\n"));
     EXPECT_THAT(environment, HasSubstr("DISPLAY=:0\n"));
     EXPECT_THAT(environment, HasSubstr("CS_UNIQUE_IDENTIFIER=Tunnel\n"));
 
@@ -237,11 +242,12 @@ TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     EXPECT_EQ(errorDomainOf(reply), "NSCocoaErrorDomain");
     EXPECT_EQ(errorCodeOf(reply), 261);
     EXPECT_EQ(pidOf(reply), -1);
-    reply = helper_.call("connectSSHWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"comPort", closedPort}});
-    EXPECT_EQ(errorCodeOf(reply), 0) << errorMessageOf(reply);  // ssh starts even without a socket
-    const pid_t ssh = started(reply);
-    EXPECT_GT(ssh, 0);
-    EXPECT_TRUE(waitUntilGone(ssh));  // and fails on its own: that is no ssh configuration
+    // An ssh configuration that would run a command is refused before ssh starts.
+    const std::string proxy = dir_.write("Proxy.sshconfig", "Host *\n  ProxyCommand touch " + marker + "\n");
+    reply = helper_.call("connectSSHWithConfig", {{"config", proxy}, {"host", "10.79.0.2"}, {"comPort", closedPort}});
+    EXPECT_EQ(errorCodeOf(reply), 68);
+    EXPECT_EQ(errorMessageOf(reply), "Directive 'ProxyCommand' is not allowed in an ssh configuration (line 2).");
+    EXPECT_EQ(pidOf(reply), -1);
 
     EXPECT_TRUE(processesRunningFrom(kBundle).empty());
     EXPECT_FALSE(std::filesystem::exists(marker));
