@@ -191,8 +191,8 @@ Result<std::string> copyVendorProgram(platform::CodeSigning& signing, const Conn
 Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& directory, ConfiguredProgram program,
                                              const std::string& source, std::string_view fileName,
                                              const std::function<std::string(std::string)>& adjust) {
-    const auto bytes = readFile(source);
-    if (!bytes) return bytes.error();
+    const auto original = readUTF8File(source);
+    if (!original) return original.error();
     std::size_t copies = 0;
     const auto copier = [&](std::string_view, std::string_view path) -> std::optional<std::string> {
         const auto referenced = readFile(std::string(path));
@@ -200,8 +200,7 @@ Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& director
         auto copy = directory.writeFile(formatString("file-%zu", ++copies), *referenced, 0600);
         return copy ? std::optional<std::string>(*copy) : std::nullopt;
     };
-    ConfigurationCheck check = checkConfiguration(
-        program, std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()), copier);
+    ConfigurationCheck check = checkConfiguration(program, *original, copier);
     if (check.refusal) return errorWithKorvoErrorCode(kLaunchingCode, *check.refusal);
     const std::string text = adjust ? adjust(std::move(check.text)) : std::move(check.text);
     return directory.writeFile(fileName, bytesOf(text), 0600);

@@ -53,7 +53,8 @@ Result<std::string> copyVendorProgram(platform::CodeSigning& signing, const Conn
                                       const std::string& source, std::string_view fileName, mode_t mode,
                                       bool allowSystemScript);
 
-// Reads the client's configuration (bounded, non-blocking, a regular file),
+// Reads the client's configuration (bounded, non-blocking, a regular file,
+// UTF-8: other bytes are the read error 261),
 // checks it against the program's allow-list, copies every file it names
 // into the connection's directory, and writes the checked text, naming the
 // copies, there as fileName (0600). adjust, when given, changes the checked

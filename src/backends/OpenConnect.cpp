@@ -1,8 +1,6 @@
 // connectOpenConnectWithConfig: openconnect for AnyConnect-compatible
 // servers, kept in the foreground so that the replied process identifier and
 // the com port belong to the process that holds the tunnel.
-#include <sys/stat.h>
-
 #include "backends/BackendSupport.h"
 #include "core/HelperTool.h"
 #include "util/FileSystem.h"
@@ -33,31 +31,46 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
         return;
     }
 
-    const auto text = readUTF8File(config);
-    if (!text) {
-        reply(text.error(), -1);
+    if (!services().storeArea || !services().codeSigning) {
+        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
+        return;
+    }
+    // openconnect reads copies that the client can no longer change: the
+    // configuration checked against openconnect's allow-list (the
+    // "background" option is dropped from the copy: the started process must
+    // stay the tunnel's), and the script only when it is the vendor's or the
+    // system's vpnc-script.
+    auto directory = ConnectionDirectory::create(*services().storeArea, connectionNameForConfigPath(configPath));
+    if (!directory) {
+        reply(directory.error(), -1);
         return;
     }
     bool removed = false;
-    const std::string rewritten = configTextByRemovingBackgroundOption(*text, &removed);
+    auto configCopy = copyCheckedConfiguration(*directory, ConfiguredProgram::OpenConnect, config, "config",
+                                               [&removed](std::string text) {
+                                                   return configTextByRemovingBackgroundOption(text, &removed);
+                                               });
+    if (!configCopy) {
+        reply(configCopy.error(), -1);
+        return;
+    }
     if (removed) {
-        // The configuration may hold secrets: the rewrite keeps its mode.
-        struct stat original {};
-        const mode_t mode = ::stat(config.c_str(), &original) == 0 ? (original.st_mode & 07777) : 0644;
-        if (auto error = writeFileAtomically(config, rewritten, mode)) {
-            reply(error, -1);
-            return;
-        }
         logMessage(LOG_NOTICE, "Removed daemonizing background option from OpenConnect configuration at path '%s'.",
                    config.c_str());
     }
+    auto script = copyVendorProgram(*services().codeSigning, *directory, scriptPath, "openconnect-script", 0700, true);
+    if (!script) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", scriptPath.c_str());
+        reply(script.error(), -1);
+        return;
+    }
 
     std::vector<std::string> arguments = {
-        "--config=" + config,
+        "--config=" + *configCopy,
         "--cookie=" + credentials.value_or(std::string()),
         // openconnect hands the script to /bin/sh -c: the path is one
         // quoted word, whatever characters the client put in its names.
-        "--script=" + shellQuoted(scriptPath),
+        "--script=" + shellQuoted(*script),
         "--servercert=" + hash.value_or(std::string()),
         "--os=mac-intel",
     };
@@ -72,11 +85,9 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
     arguments.push_back(host.value_or(std::string()));
 
     const std::string executable = auxiliaryExecutablePath(bundle, "openconnect");
-    for (const auto& path : {scriptPath, executable}) {
-        if (auto error = setPosixPermissions(path, 0755)) {
-            reply(error, -1);
-            return;
-        }
+    if (auto error = setPosixPermissions(executable, 0755)) {
+        reply(error, -1);
+        return;
     }
 
     MaybeError error;

@@ -146,9 +146,9 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
 
 TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) {
     silentGateway();
-    const std::string config = dir_.write("Corp.conf", "protocol=anyconnect\nbackground\nuseragent=Korvo\n");
-    ::chmod(config.c_str(), 0600);
-    const std::string script = dir_.write("Corp-openconnect-script.sh", "#!/bin/sh\nexit 0\n");
+    const std::string text = "protocol=anyconnect\nbackground\nuseragent=Korvo\n";
+    const std::string config = dir_.write("Corp.conf", text);
+    std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Corp-openconnect-script.sh");
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
 
     ComPort comPort;
@@ -159,19 +159,17 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply) << helper_.helperLog();
     const pid_t pid = started(reply);
     ASSERT_GT(pid, 0);
-    // Rewritten before the launch, so the replied process is the tunnel's.
-    EXPECT_EQ(runCommand("cat " + config).output, "protocol=anyconnect\nuseragent=Korvo\n");
-    struct stat st {};
-    ASSERT_EQ(::stat(config.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);  // it may hold secrets
-    ASSERT_EQ(::stat(script.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    // openconnect reads the copy, without the option that would daemonize
+    // it; the client's own file stays as it wrote it.
+    const std::string copies = "/var/run/Korvo/connections/Corp/";
+    EXPECT_EQ(runCommand("cat " + copies + "config").output, "protocol=anyconnect\nuseragent=Korvo\n");
+    EXPECT_EQ(runCommand("cat " + config).output, text);
     EXPECT_THAT(helper_.helperLog(),
                 HasSubstr("Removed daemonizing background option from OpenConnect configuration at path '" + config + "'."));
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
     EXPECT_EQ(commandLineOf(pid),
-              (std::vector<std::string>{kBundle + "/Contents/MacOS/openconnect", "--config=" + config,
-                                        "--cookie=webvpn=cookie", "--script='" + script + "'",
+              (std::vector<std::string>{kBundle + "/Contents/MacOS/openconnect", "--config=" + copies + "config",
+                                        "--cookie=webvpn=cookie", "--script='" + copies + "openconnect-script'",
                                         "--servercert=pin-sha256:AAAA", "--os=mac-intel", "-v", "-v", "--",
                                         "10.79.0.2"}));
 }
@@ -180,19 +178,14 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLe
     silentGateway();
     const std::string text = "protocol=anyconnect\n# background\n";
     const std::string config = dir_.write("Plain.conf", text);
-    dir_.write("Plain-openconnect-script.sh", "#!/bin/sh\nexit 0\n");
-    struct stat before {};
-    ASSERT_EQ(::stat(config.c_str(), &before), 0);
+    std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Plain-openconnect-script.sh");
     ComPort comPort;
     const Dictionary reply = helper_.call(
         "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", "10.79.0.2:10.79.0.2"},
                                          {"credentials", "c"}, {"hash", "h"}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply);
     EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"));
-    struct stat after {};
-    ASSERT_EQ(::stat(config.c_str(), &after), 0);
-    EXPECT_EQ(after.st_ino, before.st_ino);
-    EXPECT_EQ(runCommand("cat " + config).output, text);
+    EXPECT_EQ(runCommand("cat /var/run/Korvo/connections/Plain/config").output, text);
     EXPECT_THAT(helper_.helperLog(), ::testing::Not(HasSubstr("Removed daemonizing background option")));
 }
 
