@@ -115,8 +115,11 @@ protected:
 // of root's in the run directory; the client reads the log where it did.
 TEST_F(BackendRequestTest, OpenVPNRunsOnCopiesWithItsLogAndAManagementPassword) {
     const std::string conf = config("Office VPN.ovpn", "client\n# verb 5\n");
-    std::ofstream(tmp_ + "Office VPN.log") << "old log\n";
+    // A link planted where the client reads the log: its target is left alone.
+    const std::string victim = config("victim", "precious\n");
+    std::filesystem::create_symlink(victim, tmp_ + "Office VPN.log");
     ASSERT_EQ(openVPN(conf), std::nullopt);
+    EXPECT_EQ(fileText(victim), "precious\n");
 
     const std::string run = dir_ + "/run";
     const std::string copy = store_->path(StoreDirectory::Connections) + "/Office_VPN/config";
