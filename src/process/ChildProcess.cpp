@@ -208,7 +208,9 @@ static_assert(std::atomic<int>::is_always_lock_free);
 // The kernel's signal set: 64 bits (128 on MIPS), not the C library's 1024.
 constexpr long kKernelSignalSetSize = (_NSIG - 1) / 8;
 
-[[noreturn]] void childFails(ExecPlan& plan) {
+#define KORVO_CHILD_CODE __attribute__((no_sanitize("address", "thread", "undefined")))
+
+[[noreturn]] KORVO_CHILD_CODE void childFails(ExecPlan& plan) {
     plan.error.store(errno != 0 ? errno : ECHILD, std::memory_order_relaxed);
     ::syscall(SYS_exit_group, 127);
     __builtin_unreachable();
@@ -218,7 +220,7 @@ constexpr long kKernelSignalSetSize = (_NSIG - 1) / 8;
 // launching thread waits for its exec (CLONE_VM | CLONE_VFORK). So it makes
 // system calls only: nothing that allocates, locks, touches the C library's
 // state or runs through a sanitizer's interceptors.
-__attribute__((no_sanitize("address", "thread", "undefined"))) int childMain(void* argument) {
+KORVO_CHILD_CODE int childMain(void* argument) {
     ExecPlan& plan = *static_cast<ExecPlan*>(argument);
     // Every signal to its default action first (zeroes are SIG_DFL, no
     // flags, no mask in every layout of the kernel's sigaction): no handler
