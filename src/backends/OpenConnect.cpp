@@ -67,7 +67,9 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
 
     std::vector<std::string> arguments = {
         "--config=" + *configCopy,
-        "--cookie=" + credentials.value_or(std::string()),
+        // The session cookie comes on standard input, never in the
+        // arguments, which every local user can read.
+        "--cookie-on-stdin",
         // openconnect hands the script to /bin/sh -c: the path is one
         // quoted word, whatever characters the client put in its names.
         "--script=" + shellQuoted(*script),
@@ -92,7 +94,8 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
 
     MaybeError error;
     const pid_t pid =
-        runServiceAtPath(executable, arguments, comPort, false, opensslLegacyProviderEnvironment(), nullptr, &error);
+        runServiceAtPath(executable, arguments, comPort, false, opensslLegacyProviderEnvironment(), nullptr, &error,
+                         credentials.value_or(std::string()) + "\n");
     reply(error, pid);
 }
 

@@ -117,11 +117,13 @@ public:
     // Starts the executable at path after checking its signature; returns the
     // child's process identifier, or -1 with *error set (when error is given).
     // The file is opened once (openExecutableForLaunch) and the child started
-    // from that descriptor.
+    // from that descriptor. standardInputText, when given, is the child's
+    // whole standard input (instead of the com port's).
     pid_t runServiceAtPath(const std::optional<std::string>& path,
                            const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
                            bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
-                           std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error);
+                           std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error,
+                           const std::optional<std::string>& standardInputText = std::nullopt);
     pid_t runServiceAtPath(const std::optional<std::string>& path,
                            const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
                            bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,

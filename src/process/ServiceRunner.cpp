@@ -92,12 +92,27 @@ pid_t refuseMissingExecutable(const std::string& shownPath, MaybeError* error) {
     return -1;
 }
 
+// The reading end of a pipe that holds text and is closed for writing;
+// invalid when the text does not fit the pipe.
+UniqueFd pipeHolding(const std::string& text) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return UniqueFd();
+    UniqueFd readEnd(ends[0]);
+    const UniqueFd writeEnd(ends[1]);
+    if (text.size() > static_cast<std::size_t>(::fcntl(writeEnd.get(), F_GETPIPE_SZ)) ||
+        ::write(writeEnd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        return UniqueFd();
+    }
+    return readEnd;
+}
+
 // The launch shared by the runner's two entries, once the program's file is
 // open and checked (executable invalid: the check failed).
 pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd executable,
                  const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort, bool waitUntilExit,
                  const std::optional<Environment>& additionalEnvironment,
-                 std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error) {
+                 std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error,
+                 const std::optional<std::string>& standardInputText) {
     if (!executable) {
         logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", path.c_str());
         if (error) {
@@ -148,6 +163,21 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
         options.standardError = writeEnd.get();
     }
 
+    // Text for the child's standard input (a secret that must not show in
+    // its arguments): a pipe that holds it whole and then ends.
+    UniqueFd inputEnd;
+    if (standardInputText) {
+        inputEnd = pipeHolding(*standardInputText);
+        if (!inputEnd) {
+            if (error) {
+                *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                                 formatString("Cannot find executable at path %s", path.c_str()));
+            }
+            return -1;
+        }
+        options.standardInput = inputEnd.get();
+    }
+
     std::shared_ptr<CSCapturedProcessOutput> collector;
     if (capturedOutput && comPort == 0) {
         collector = std::make_shared<CSCapturedProcessOutput>();
@@ -162,6 +192,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
     // pipe's writing end (so the pipe ends when the child does).
     comSocket.reset();
     writeEnd.reset();
+    inputEnd.reset();
     executable.reset();
     if (!child) {
         logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
@@ -216,10 +247,10 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
                                         std::uint64_t comPort, bool waitUntilExit,
                                         const std::optional<Environment>& additionalEnvironment,
                                         std::shared_ptr<CSCapturedProcessOutput>* capturedOutput,
-                                        MaybeError* error) {
+                                        MaybeError* error, const std::optional<std::string>& standardInputText) {
     if (!path || !fileExists(*path)) return refuseMissingExecutable(pathText(path), error);
     return runChecked(*this, *path, openExecutableForLaunch(*path), arguments, comPort, waitUntilExit,
-                      additionalEnvironment, capturedOutput, error);
+                      additionalEnvironment, capturedOutput, error, standardInputText);
 }
 
 pid_t KorvoHelperTool::runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
@@ -229,7 +260,7 @@ pid_t KorvoHelperTool::runSystemTool(SystemTool tool, const std::optional<std::v
     const std::string path = systemToolPath(tool);
     if (!fileExists(path)) return refuseMissingExecutable(path, error);
     return runChecked(*this, path, openSystemToolForLaunch(tool), arguments, comPort, waitUntilExit,
-                      additionalEnvironment, capturedOutput, error);
+                      additionalEnvironment, capturedOutput, error, std::nullopt);
 }
 
 UniqueFd KorvoHelperTool::openExecutableForLaunch(const std::string& path) {

@@ -169,7 +169,7 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
     EXPECT_EQ(commandLineOf(pid),
               (std::vector<std::string>{kBundle + "/Contents/MacOS/openconnect", "--config=" + copies + "config",
-                                        "--cookie=webvpn=cookie", "--script='" + copies + "openconnect-script'",
+                                        "--cookie-on-stdin", "--script='" + copies + "openconnect-script'",
                                         "--servercert=pin-sha256:AAAA", "--os=mac-intel", "-v", "-v", "--",
                                         "10.79.0.2"}));
 }

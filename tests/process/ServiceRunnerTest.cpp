@@ -257,6 +257,14 @@ TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
     EXPECT_EQ(env, "kept old ");
     ::unsetenv("KORVO_RUNNER_KEEP");
     ::unsetenv("KORVO_RUNNER_REPLACE");
+
+    // A secret handed over on standard input, never in the arguments.
+    const std::string reader = script("stdin", "cat > secret");
+    ASSERT_GT(tool_->runServiceAtPath(reader, std::nullopt, 0, true, std::nullopt, nullptr, &error, "s3cret\n"), 0);
+    std::ifstream secret(dir_ + "/secret");
+    std::string line;
+    std::getline(secret, line);
+    EXPECT_EQ(line, "s3cret");
 }
 
 TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
