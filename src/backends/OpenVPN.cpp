@@ -1,11 +1,13 @@
 // connectOpenVPNWithConfig: OpenVPN puts itself in the background and is then
 // driven by the client through its management interface on 127.0.0.1.
+#include <cstdint>
 #include <filesystem>
 
 #include "backends/BackendSupport.h"
 #include "backends/ConnectionDirectory.h"
 #include "core/HelperTool.h"
 #include "util/DataAdditions.h"
+#include "util/IntegerScan.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"
@@ -20,6 +22,7 @@ struct OpenVPNFiles {
     std::string config;              // the checked copy OpenVPN reads
     std::string log;                 // root's, in the run directory; linked where the client reads it
     std::string managementPassword;  // root's, readable by the client group
+    std::string pid;                 // where OpenVPN writes its pid once in the background
 };
 
 // What OpenVPN opens by path, made where the client cannot swap it: the
@@ -46,7 +49,7 @@ Result<OpenVPNFiles> prepareOpenVPNFiles(const StoreArea* store, const std::stri
     const std::string password = SHA256HexDigest(randomDataWithBytes(kManagementPasswordBytes)) + "\n";
     auto passwordFile = store->replaceSharedFile(sharedName + ".management", bytesOf(password), 0640);
     if (!passwordFile) return passwordFile.error();
-    return OpenVPNFiles{*config, *log, *passwordFile};
+    return OpenVPNFiles{*config, *log, *passwordFile, directory->pathOf("openvpn.pid")};
 }
 
 }  // namespace
@@ -77,7 +80,7 @@ void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>&
         "--config", files.config, "--management-query-passwords", "--auth-nocache", "--cd",
         services().storeArea->runDirectory(), "--daemon", "--log", files.log, "--management-hold", "--script-security",
         "2", "--management", "127.0.0.1", formatString("%ld", static_cast<long>(managementPort)),
-        files.managementPassword, "--providers", "legacy", "default",
+        files.managementPassword, "--providers", "legacy", "default", "--writepid", files.pid,
     };
     // A verb line in the configuration wins over the debug setting.
     if (vpnDebugLoggingEnabled() && !configFileAtPath(files.config, "verb")) {
@@ -89,6 +92,14 @@ void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>&
     // background, so waiting for it reports configuration errors.
     MaybeError error;
     runServiceAtPath(executable, arguments, 0, true, opensslLegacyProviderEnvironment(), &error);
+    // The program in the background is the one the helper may end later.
+    if (!error) {
+        if (const auto pidText = readUTF8File(files.pid)) {
+            if (const auto pid = scanInteger(*pidText); pid && pid->value > 0 && pid->value <= INT32_MAX) {
+                startedProcesses().recordStart(static_cast<pid_t>(pid->value), executable);
+            }
+        }
+    }
     reply(error, std::nullopt);
 }
 

@@ -119,6 +119,7 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
         reply(errorWithKorvoErrorCode(68, formatString("Cannot find executable at path %s", kSSHPath)), -1);
         return;
     }
+    startedProcesses().recordStart(child->pid(), kSSHPath);
     reply(std::nullopt, child->pid());
 }
 

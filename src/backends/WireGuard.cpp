@@ -146,6 +146,7 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
     removeFile(*runtimePath);
     if (setconfError) return finish(setconfError);
 
+    startedProcesses().recordLink(pid, *interfaceName);
     if (auto upError = wireGuardBringInterfaceUp(*this, *interfaceName)) return finish(upError);
     for (const std::string& address : addresses) {
         if (auto addressError = wireGuardConfigureAddress(*this, *interfaceName, address)) return finish(addressError);

@@ -80,6 +80,7 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
             logMessage(LOG_ERR, "Error: Unable to prepare the run directory: %s", error->displayText().c_str());
         }
     }
+    startedProcesses_ = std::make_unique<StartedProcesses>(services_.storeArea);
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
     }

@@ -22,6 +22,7 @@
 #include "platform/CodeSigning.h"
 #include "process/Executables.h"
 #include "process/UniqueFd.h"
+#include "process/StartedProcesses.h"
 #include "util/StoreArea.h"
 #include "util/Value.h"
 
@@ -165,6 +166,9 @@ public:
     SerialQueue& networkResetQueue() { return *networkResetQueue_; }
     platform::ServiceListener* listener() const { return listener_.get(); }
     const HelperServices& services() const { return services_; }
+    // The programs the helper started and the links they made: the only
+    // ones it will ever signal or delete.
+    StartedProcesses& startedProcesses() { return *startedProcesses_; }
 
     // The service object's own lock: guards the fields below, the transaction
     // store and the diagnostics count. Never held across a slow operation.
@@ -184,6 +188,7 @@ private:
     std::shared_ptr<WorkerPool> queuePool_;
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
+    std::unique_ptr<StartedProcesses> startedProcesses_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
     bool vpnDebugLoggingEnabled_ = false;

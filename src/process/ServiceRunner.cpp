@@ -220,7 +220,10 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
         if (!drained && tail) tail->end();
     }
 
-    if (!waitUntilExit) return child->pid();
+    if (!waitUntilExit) {
+        tool.startedProcesses().recordStart(child->pid(), path);
+        return child->pid();
+    }
 
     const int status = child->waitUntilExit();
     if (status == 0) return child->pid();

@@ -126,7 +126,8 @@ TEST_F(BackendRequestTest, OpenVPNRunsOnCopiesWithItsLogAndAManagementPassword) 
     const std::vector<std::string> expected = {
         "--config", copy, "--management-query-passwords", "--auth-nocache", "--cd", run, "--daemon",
         "--log", run + "/Office_VPN.log", "--management-hold", "--script-security", "2", "--management",
-        "127.0.0.1", "7505", run + "/Office_VPN.management", "--providers", "legacy", "default"};
+        "127.0.0.1", "7505", run + "/Office_VPN.management", "--providers", "legacy", "default",
+        "--writepid", store_->path(StoreDirectory::Connections) + "/Office_VPN/openvpn.pid"};
     EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")), expected);
     EXPECT_EQ(fileText(copy), "client\n# verb 5\n");
     EXPECT_EQ(modeOf(copy), 0600u);
@@ -148,7 +149,7 @@ TEST_F(BackendRequestTest, OpenVPNRunsOnCopiesWithItsLogAndAManagementPassword) 
     EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")), withVerb);
     const std::string ownVerb = config("own.ovpn", "client\n  verb 1\n");
     ASSERT_EQ(openVPN(ownVerb), std::nullopt);
-    EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")).size(), 19u);
+    EXPECT_EQ(lines(fileText(tmp_ + "openvpn.argv")).size(), 21u);
 }
 
 // What OpenSSL loads is never the client's: system modules and the

@@ -141,6 +141,9 @@ TEST_F(OpenVPNServiceTest, ConnectsThroughTheManagementInterfaceAndCarriesTraffi
     EXPECT_EQ(argv[0], std::string(KORVO_TEST_BUNDLE_PATH) + "/Contents/MacOS/openvpn");
     EXPECT_EQ(std::vector<std::string>(argv.end() - 2, argv.end()), (std::vector<std::string>{"--verb", "4"}));
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemonPid) + "/cwd"), "/run/Korvo");
+    // The program in the background is in the table of what the helper started.
+    EXPECT_THAT(runCommand("cat /run/Korvo/started-processes/table.plist").output,
+                HasSubstr("<integer>" + std::to_string(daemonPid) + "</integer>"));
 
     management.send("state on\nhold release\n");
     ASSERT_TRUE(management.readUntil(",CONNECTED,SUCCESS,", 30s))
