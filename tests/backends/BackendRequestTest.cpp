@@ -12,22 +12,10 @@
 #include <sstream>
 
 #include "core/HelperTool.h"
-#include "util/Log.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
-
-class ValidCodeSigning final : public platform::CodeSigning {
-public:
-    platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
-        return platform::CodeSignState::Valid;
-    }
-    int checkExecutable(int, std::string_view) override { return 0; }
-    platform::CodeSignState codeSignStateForSystemExecutable(int) override { return platform::CodeSignState::Valid; }
-    int copyGuestWithPid(pid_t, std::unique_ptr<platform::GuestCode>&) override { return -1; }
-    int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>&) override { return -1; }
-    int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return -1; }
-};
 
 std::string fileText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -51,9 +39,6 @@ mode_t modeOf(const std::string& path) {
 class BackendRequestTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dirTemplate[] = "/tmp/korvo-backends-XXXXXX";
-        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-        dir_ = dirTemplate;
         tmp_ = dir_ + "/tmp/";
         bundle_ = dir_ + "/Korvo.app";
         std::filesystem::create_directories(tmp_);
@@ -65,19 +50,11 @@ protected:
                             << "echo \"${OPENSSL_MODULES-unset} ${OPENSSL_CONF-unset}\" > openvpn.env\n";
         ::chmod(path.c_str(), 0600);
         HelperServices services;
-        services.codeSigning = std::make_shared<ValidCodeSigning>();
+        services.codeSigning = std::make_shared<test::FakeCodeSigning>();
         services.storeArea = store_ = std::make_shared<StoreArea>(dir_ + "/run", std::nullopt);
         tool_ = std::make_unique<KorvoHelperTool>(services);
         tool_->setTmpDirPath(tmp_);
         tool_->setKorvoBundlePath(bundle_);
-        setLogSink([this](int, std::string_view line) {
-            std::lock_guard lock(logMutex_);
-            log_.emplace_back(line);
-        });
-    }
-    void TearDown() override {
-        setLogSink(nullptr);
-        std::filesystem::remove_all(dir_);
     }
 
     std::string config(const std::string& name, const std::string& text) {
@@ -85,10 +62,7 @@ protected:
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
-    bool logged(const std::string& line) {
-        std::lock_guard lock(logMutex_);
-        return std::find(log_.begin(), log_.end(), line) != log_.end();
-    }
+    bool logged(const std::string& line) { return log_.contains(line); }
 
     MaybeError openVPN(const std::optional<std::string>& configPath) {
         MaybeError error;
@@ -105,9 +79,10 @@ protected:
 
     std::unique_ptr<KorvoHelperTool> tool_;
     std::shared_ptr<StoreArea> store_;
-    std::string dir_, tmp_, bundle_;
-    std::mutex logMutex_;
-    std::vector<std::string> log_;
+    const test::TempDir dirOwner_;
+    const std::string dir_ = dirOwner_.path();
+    std::string tmp_, bundle_;
+    test::LogCapture log_;
 };
 
 // OpenVPN opens nothing the client could swap: a copy of the configuration

@@ -9,24 +9,20 @@
 #include <fstream>
 
 #include "core/HelperTool.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
 
 class DirectiveTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char dirTemplate[] = "/tmp/korvo-directive-XXXXXX";
-        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-        dir_ = dirTemplate;
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
+    const test::TempDir tmp_;
+    const std::string dir_ = tmp_.path();
     bool contains(const std::string& text, const std::string& directive) {
         const std::string path = dir_ + "/c.ovpn";
         std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
         return KorvoHelperTool::configFileAtPath(path, directive);
     }
-    std::string dir_;
 };
 
 TEST_F(DirectiveTest, FirstWordOfAnUncommentedLineMustMatchExactly) {

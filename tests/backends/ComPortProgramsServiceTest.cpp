@@ -13,7 +13,7 @@
 #include <filesystem>
 
 #include "TestBundle.h"
-#include "VpnTestSupport.h"
+#include "support/TestSupport.h"
 #include "support/HelperFixture.h"
 
 namespace korvo::test {
@@ -64,7 +64,7 @@ protected:
         return pid;
     }
 
-    TestDirectory dir_;
+    TempDir dir_{"/tmp", 0755};
     PeerNamespace gateway_{"vpngw", "10.79.0.1", "10.79.0.2"};
     HelperFixture helper_;
     UniqueFd ike_, https_;
@@ -76,9 +76,9 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
     ASSERT_TRUE(server.ok());
     std::filesystem::create_directories("/run/sshd");
     const std::string d = dir_.path();
-    const auto keys = runCommand("set -e; ssh-keygen -q -t ed25519 -N '' -f " + d + "/host_key; ssh-keygen -q -t ed25519 -N '' -f " +
+    const auto keys = shell("set -e; ssh-keygen -q -t ed25519 -N '' -f " + d + "/host_key; ssh-keygen -q -t ed25519 -N '' -f " +
                                  d + "/client_key; cp " + d + "/client_key.pub " + d + "/authorized_keys");
-    ASSERT_EQ(keys.status, 0) << keys.output;
+    ASSERT_EQ(keys.exitStatus, 0) << keys.output;
     const std::string sshdConfig =
         dir_.write("sshd_config", "ListenAddress 10.78.0.2\nHostKey " + d + "/host_key\nAuthorizedKeysFile " + d +
                                       "/authorized_keys\nPermitRootLogin prohibit-password\nStrictModes no\n"
@@ -88,11 +88,11 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
                                                               "  IdentitiesOnly yes\n  StrictHostKeyChecking no\n"
                                                               "  UserKnownHostsFile /dev/null\n");
     // sshd may need a moment to listen.
-    for (int i = 0; i < 100 && runCommand("ip netns exec sshsrv ss -ltn | grep -q 10.78.0.2:22").status != 0; ++i) {
+    for (int i = 0; i < 100 && shell("ip netns exec sshsrv ss -ltn | grep -q 10.78.0.2:22").exitStatus != 0; ++i) {
         std::this_thread::sleep_for(50ms);
     }
 
-    ComPort comPort;
+    ComPortListener comPort;
     const Dictionary reply = helper_.call("connectSSHWithConfig", {{"config", config}, {"host", "10.78.0.2"},
                                                                    {"credentials", "root"}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply) << helper_.helperLog();
@@ -112,7 +112,7 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
     EXPECT_EQ(st.st_mode & 0022, 0u);
     ASSERT_EQ(::stat("/var/run/Korvo", &st), 0);
     EXPECT_EQ(st.st_mode & 0002, 0u);
-    const auto environment = runCommand("tr '\\0' '\\n' < /proc/" + std::to_string(pid) + "/environ").output;
+    const auto environment = shell("tr '\\0' '\\n' < /proc/" + std::to_string(pid) + "/environ").output;
     EXPECT_THAT(environment, HasSubstr("SSH_ASKPASS=" + copies + "ssh_askpass_korvo\n"));
     EXPECT_THAT(environment, HasSubstr("DISPLAY=:0\n"));
     EXPECT_THAT(environment, HasSubstr("CS_UNIQUE_IDENTIFIER=Tunnel\n"));
@@ -129,7 +129,7 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
     std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", script);
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
 
-    ComPort comPort;
+    ComPortListener comPort;
     const Dictionary reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply) << helper_.helperLog();
     const pid_t pid = started(reply);
@@ -140,7 +140,7 @@ TEST_F(ComPortProgramsServiceTest, VPNCRunsWithItsExactArgumentsOnTheComPort) {
     EXPECT_EQ(commandLineOf(pid), (std::vector<std::string>{kBundle + "/Contents/MacOS/vpnc", "--debug", "3",
                                                            copies + "config", "--script", copies + "vpnc-script",
                                                            "--local-port", "0"}));
-    EXPECT_EQ(runCommand("cmp " + copies + "vpnc-script /usr/share/vpnc-scripts/vpnc-script").status, 0);
+    EXPECT_EQ(shell("cmp " + copies + "vpnc-script /usr/share/vpnc-scripts/vpnc-script").exitStatus, 0);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"), dir_.path());
 }
 
@@ -151,7 +151,7 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Corp-openconnect-script.sh");
     helper_.call("setVPNDebugLoggingEnabled", {{"enabled", true}});
 
-    ComPort comPort;
+    ComPortListener comPort;
     const Dictionary reply = helper_.call(
         "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", ""},
                                          {"credentials", "webvpn=cookie"}, {"hash", "pin-sha256:AAAA"},
@@ -162,8 +162,8 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     // openconnect reads the copy, without the option that would daemonize
     // it; the client's own file stays as it wrote it.
     const std::string copies = "/var/run/Korvo/connections/Corp/";
-    EXPECT_EQ(runCommand("cat " + copies + "config").output, "protocol=anyconnect\nuseragent=Korvo\n");
-    EXPECT_EQ(runCommand("cat " + config).output, text);
+    EXPECT_EQ(shell("cat " + copies + "config").output, "protocol=anyconnect\nuseragent=Korvo\n");
+    EXPECT_EQ(shell("cat " + config).output, text);
     EXPECT_THAT(helper_.helperLog(),
                 HasSubstr("Removed daemonizing background option from OpenConnect configuration at path '" + config + "'."));
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
@@ -179,13 +179,13 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLe
     const std::string text = "protocol=anyconnect\n# background\n";
     const std::string config = dir_.write("Plain.conf", text);
     std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Plain-openconnect-script.sh");
-    ComPort comPort;
+    ComPortListener comPort;
     const Dictionary reply = helper_.call(
         "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", "10.79.0.2:10.79.0.2"},
                                          {"credentials", "c"}, {"hash", "h"}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply);
     EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"));
-    EXPECT_EQ(runCommand("cat /var/run/Korvo/connections/Plain/config").output, text);
+    EXPECT_EQ(shell("cat /var/run/Korvo/connections/Plain/config").output, text);
     EXPECT_THAT(helper_.helperLog(), ::testing::Not(HasSubstr("Removed daemonizing background option")));
 }
 
@@ -204,7 +204,7 @@ TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     // Nobody listens on the com port.
     std::uint64_t closedPort;
     {
-        ComPort gone;
+        ComPortListener gone;
         closedPort = gone.port();
     }
     reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", closedPort}});
@@ -216,7 +216,7 @@ TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     for (const std::string bundle :
          {KORVO_TEST_BUNDLE_UNSIGNED_PATH, KORVO_TEST_BUNDLE_ADHOC_PATH, KORVO_TEST_BUNDLE_MODIFIED_PATH}) {
         helper_.call("setKorvoBundlePath", {{"path", bundle}});
-        ComPort comPort;
+        ComPortListener comPort;
         reply = helper_.call("connectVPNCWithConfig", {{"config", config}, {"comPort", comPort.port()}});
         EXPECT_EQ(errorCodeOf(reply), 69) << bundle;
         EXPECT_EQ(errorMessageOf(reply), "Cannot verify signature of executable at path " + bundle + "/Contents/MacOS/vpnc");

@@ -13,7 +13,7 @@
 #include <filesystem>
 
 #include "TestBundle.h"
-#include "VpnTestSupport.h"
+#include "support/TestSupport.h"
 #include "support/HelperFixture.h"
 
 namespace korvo::test {
@@ -82,11 +82,11 @@ protected:
     std::string makeCertificates() {
         const std::string d = dir_.path();
         const std::string ec = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-        const auto result = runCommand(
+        const auto result = shell(
             "set -e; cd " + d + "; openssl req -x509" + ec + " -keyout ca.key -out ca.crt -subj /CN=KorvoTestCA -days 2; " +
             "for n in server client; do openssl req" + ec + " -keyout $n.key -out $n.csr -subj /CN=$n; " +
             "openssl x509 -req -in $n.csr -CA ca.crt -CAkey ca.key -CAcreateserial -out $n.crt -days 2; done");
-        return result.status == 0 ? "" : result.output;
+        return result.exitStatus == 0 ? "" : result.output;
     }
 
     std::string clientConfig(const std::string& extra = "") {
@@ -106,7 +106,7 @@ protected:
             d + "/server.log");
     }
 
-    TestDirectory dir_;
+    TempDir dir_{"/tmp", 0755};
     PeerNamespace network_{"ovpn", "10.77.0.1", "10.77.0.2"};
     HelperFixture helper_;
 };
@@ -128,7 +128,7 @@ TEST_F(OpenVPNServiceTest, ConnectsThroughTheManagementInterfaceAndCarriesTraffi
     ASSERT_TRUE(management.connect(10s)) << helper_.helperLog();
     ASSERT_TRUE(management.readUntil("ENTER PASSWORD:", 10s)) << management.received();
     EXPECT_EQ(management.received().find(">HOLD"), std::string::npos);
-    management.send(runCommand("cat /run/Korvo/Office.management").output);
+    management.send(shell("cat /run/Korvo/Office.management").output);
     ASSERT_TRUE(management.readUntil(">HOLD:Waiting for hold release", 10s)) << management.received();
     management.send("pid\n");
     ASSERT_TRUE(management.readUntil("SUCCESS: pid=", 5s));
@@ -142,17 +142,17 @@ TEST_F(OpenVPNServiceTest, ConnectsThroughTheManagementInterfaceAndCarriesTraffi
     EXPECT_EQ(std::vector<std::string>(argv.end() - 2, argv.end()), (std::vector<std::string>{"--verb", "4"}));
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemonPid) + "/cwd"), "/run/Korvo");
     // The program in the background is in the table of what the helper started.
-    EXPECT_THAT(runCommand("cat /run/Korvo/started-processes/table.plist").output,
+    EXPECT_THAT(shell("cat /run/Korvo/started-processes/table.plist").output,
                 HasSubstr("<integer>" + std::to_string(daemonPid) + "</integer>"));
 
     management.send("state on\nhold release\n");
     ASSERT_TRUE(management.readUntil(",CONNECTED,SUCCESS,", 30s))
         << management.received() << "\nserver:\n" << server->log();
-    const auto ping = runCommand("ping -c 1 -W 3 10.8.0.1");
-    EXPECT_EQ(ping.status, 0) << ping.output;
+    const auto ping = shell("ping -c 1 -W 3 10.8.0.1");
+    EXPECT_EQ(ping.exitStatus, 0) << ping.output;
 
     // OpenVPN writes its log where the helper told it to.
-    EXPECT_THAT(runCommand("cat '" + dir_.path() + "/Office.log'").output, HasSubstr("Initialization Sequence Completed"));
+    EXPECT_THAT(shell("cat '" + dir_.path() + "/Office.log'").output, HasSubstr("Initialization Sequence Completed"));
 
     management.send("signal SIGTERM\n");
     EXPECT_TRUE(waitUntilGone(daemonPid));

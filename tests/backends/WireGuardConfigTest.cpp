@@ -9,7 +9,7 @@
 
 #include "backends/WireGuardConfig.h"
 #include "backends/WireGuardTunnel.h"
-#include "util/Log.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -29,16 +29,6 @@ bool isUpperCaseVersion4UUID(std::string_view text) {
     }
     return text[14] == '4' && std::string_view("89AB").find(text[19]) != std::string_view::npos;
 }
-
-// Collects the log lines written while it lives.
-class LogCapture {
-public:
-    LogCapture() {
-        setLogSink([this](int, std::string_view line) { lines.emplace_back(line); });
-    }
-    ~LogCapture() { setLogSink(nullptr); }
-    std::vector<std::string> lines;
-};
 
 TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
     // Every key setconf takes, in any case, in its own section; keys of the
@@ -121,7 +111,7 @@ TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesControlCharactersAndBy
 }
 
 TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {
-    LogCapture log;
+    test::LogCapture log;
     EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n"
                                             "endpoint=192.0.2.9:51820\n"
                                             "Endpoint   =   [2001:db8::1]:51820\n"
@@ -132,7 +122,7 @@ TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts
               "Endpoint = [2001:db8::1]:51820\n"
               "ENDPOINT = 127.0.0.1:51820\n"
               "Endpoint = \n");
-    EXPECT_THAT(log.lines, ElementsAre("Rewriting WireGuard endpoint 'localhost:51820' to IPv4 endpoint "
+    EXPECT_THAT(log.lines(), ElementsAre("Rewriting WireGuard endpoint 'localhost:51820' to IPv4 endpoint "
                                        "'127.0.0.1:51820' for runtime configuration."));
 
     // An endpoint key outside a peer section is an unknown interface key.
@@ -144,17 +134,17 @@ TEST(WireGuardIPv4EndpointTest, ResolvesNamesAndLeavesEverythingElse) {
     // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
     EXPECT_EQ(wireGuardIPv4Endpoint("127.1:7"), "127.0.0.1:7");
 
-    LogCapture log;
+    test::LogCapture log;
     for (const std::string value : {"", "192.0.2.9:51820", "[2001:db8::1]:51820", "[fe80::1%eth0]:1", "fd00::1:51820",
                                     "localhost", ":51820", "localhost:", " 192.0.2.9:51820 "}) {
         EXPECT_EQ(wireGuardIPv4Endpoint(value), value) << value;
     }
-    EXPECT_THAT(log.lines, IsEmpty());
+    EXPECT_THAT(log.lines(), IsEmpty());
 
     // A port that no service table knows fails before any name is looked up.
     EXPECT_EQ(wireGuardIPv4Endpoint("localhost:no-such-port"), "localhost:no-such-port");
-    ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_THAT(log.lines[0], HasSubstr("Could not resolve WireGuard endpoint host 'localhost' to an IPv4 address "
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_THAT(log.lines()[0], HasSubstr("Could not resolve WireGuard endpoint host 'localhost' to an IPv4 address "
                                         "for runtime configuration: "));
 }
 

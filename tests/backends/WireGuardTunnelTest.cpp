@@ -16,6 +16,7 @@
 #include "platform/TunnelInterfaceConfigurator.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ChildProcess.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -25,16 +26,6 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
-
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "korvo-wg-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
-    std::string path;
-};
 
 std::string descriptionOf(const MaybeError& error) { return error ? error->localizedDescription().value_or("") : ""; }
 
@@ -53,13 +44,13 @@ pid_t exitedProcess() {
 }
 
 TEST(WireGuardControlSocketWaitTest, SucceedsOnceTheSocketAppears) {
-    TemporaryDirectory dir;
+    const test::TempDir dir;
     const auto start = Clock::now();
     std::thread creator([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(350));
-        std::ofstream(dir.path + "/wgt0.sock").put('x');
+        std::ofstream(dir.path() + "/wgt0.sock").put('x');
     });
-    const MaybeError error = wireGuardWaitForControlSocket("wgt0", dir.path, getpid(), "WireGuard", nullptr);
+    const MaybeError error = wireGuardWaitForControlSocket("wgt0", dir.path(), getpid(), "WireGuard", nullptr);
     creator.join();
     EXPECT_EQ(error, std::nullopt) << descriptionOf(error);
     // Polled, not spun: found on the first poll after it appeared.
@@ -68,14 +59,14 @@ TEST(WireGuardControlSocketWaitTest, SucceedsOnceTheSocketAppears) {
 }
 
 TEST(WireGuardControlSocketWaitTest, ProgramThatEndedIsReportedWithItsOutput) {
-    TemporaryDirectory dir;
+    const test::TempDir dir;
     const pid_t pid = exitedProcess();
     CSCapturedProcessOutput output;
     const std::string text = "\nERROR: Failed to create TUN device: interface name too long\n";
     output.appendData({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 
     const auto start = Clock::now();
-    MaybeError error = wireGuardWaitForControlSocket("wgt1", dir.path, pid, "AmneziaWG", &output);
+    MaybeError error = wireGuardWaitForControlSocket("wgt1", dir.path(), pid, "AmneziaWG", &output);
     EXPECT_LT(secondsSince(start), 0.5);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->domain, KorvoErrorDomain);
@@ -86,23 +77,23 @@ TEST(WireGuardControlSocketWaitTest, ProgramThatEndedIsReportedWithItsOutput) {
 
     // A socket left behind by an earlier program does not count while this
     // one is dead; without output the message ends at its full stop.
-    std::ofstream(dir.path + "/wgt1.sock").put('x');
-    error = wireGuardWaitForControlSocket("wgt1", dir.path, pid, "WireGuard", nullptr);
+    std::ofstream(dir.path() + "/wgt1.sock").put('x');
+    error = wireGuardWaitForControlSocket("wgt1", dir.path(), pid, "WireGuard", nullptr);
     EXPECT_THAT(descriptionOf(error),
                 EndsWith("WireGuard userspace backend terminated before its control socket became available."));
 }
 
 TEST(WireGuardControlSocketWaitTest, GivesUpAfterFiveSeconds) {
-    TemporaryDirectory dir;
+    const test::TempDir dir;
     const auto start = Clock::now();
-    const MaybeError error = wireGuardWaitForControlSocket("wgt2", dir.path, getpid(), "WireGuard", nullptr);
+    const MaybeError error = wireGuardWaitForControlSocket("wgt2", dir.path(), getpid(), "WireGuard", nullptr);
     const double elapsed = secondsSince(start);
     EXPECT_GE(elapsed, 5.0);
     EXPECT_LT(elapsed, 5.5);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, 55);
     EXPECT_THAT(descriptionOf(error), EndsWith("WireGuard userspace backend did not create its control socket at " +
-                                               dir.path + "/wgt2.sock."));
+                                               dir.path() + "/wgt2.sock."));
 }
 
 // Records what the backend asks of the interface.

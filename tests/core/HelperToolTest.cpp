@@ -8,6 +8,7 @@
 #include "core/HelperTool.h"
 #include "core/Protocol.h"
 #include "platform/ServiceListener.h"
+#include "support/TestSupport.h"
 #include "util/Log.h"
 
 namespace korvo {
@@ -34,47 +35,16 @@ private:
     bool failResume_;
 };
 
-struct FakeGuest : platform::GuestCode {
-    pid_t pid() const override { return 99; }
-};
-struct FakeRequirement : platform::CodeRequirement {};
-
-// Accepts exactly process 99.
-class FakeCodeSigning : public platform::CodeSigning {
-public:
-    platform::CodeSignState codeSignStateForExecutable(const std::string&) override {
-        return platform::CodeSignState::Unsigned;
-    }
-    int checkExecutable(int, std::string_view) override { return platform::codesign_status::kUnsigned; }
-    platform::CodeSignState codeSignStateForSystemExecutable(int) override {
-        return platform::CodeSignState::Unsigned;
-    }
-    int copyGuestWithPid(pid_t pid, std::unique_ptr<platform::GuestCode>& guest) override {
-        if (pid != 99) return platform::codesign_status::kNoSuchCode;
-        guest = std::make_unique<FakeGuest>();
-        return 0;
-    }
-    int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>& r) override {
-        r = std::make_unique<FakeRequirement>();
-        return 0;
-    }
-    int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return 0; }
-};
-
 class HelperToolTest : public ::testing::Test {
 protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-        char dirTemplate[] = "/tmp/korvo-tool-XXXXXX";
-        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-        dir = dirTemplate;
         fs::create_directories(dir / "Korvo.app/Contents/MacOS");
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     HelperServices servicesWithListener(bool failResume = false) {
         HelperServices services;
-        services.codeSigning = std::make_shared<FakeCodeSigning>();
+        services.codeSigning = std::make_shared<test::FakeCodeSigning>();
         services.makeListener = [this, failResume](std::string_view name, platform::ServiceListenerDelegate& d) {
             listenerName = std::string(name);
             auto listener = std::make_unique<FakeListener>(d, failResume);
@@ -98,7 +68,8 @@ protected:
         return reply;
     }
 
-    fs::path dir;
+    const test::TempDir tmp;
+    const fs::path dir = tmp.path();
     std::string listenerName;
     FakeListener* fakeListener = nullptr;
 };

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "core/WorkspaceLookup.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -48,9 +49,8 @@ TEST(WorkspaceLookupTest, RejectsEntriesThatNameNoBundle) {
 // The first directory that has the entry decides, even when its entry is
 // unusable (a user's hidden entry masks the system one).
 TEST(WorkspaceLookupTest, SearchesTheApplicationDirectoriesInOrder) {
-    char dirTemplate[] = "/tmp/korvo-xdg-XXXXXX";
-    ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-    const fs::path root = dirTemplate;
+    const test::TempDir tmp;
+    const fs::path root = tmp.path();
     const fs::path user = root / "user", system = root / "system";
     fs::create_directories(user);
     fs::create_directories(system);
@@ -75,7 +75,6 @@ TEST(WorkspaceLookupTest, SearchesTheApplicationDirectoriesInOrder) {
     ASSERT_GE(defaults.size(), 2u);
     EXPECT_EQ(defaults[defaults.size() - 2], "/usr/local/share/applications");
     EXPECT_EQ(defaults.back(), "/usr/share/applications");
-    fs::remove_all(root);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 #include <map>
 #include <thread>
 
-#include "backends/VpnTestSupport.h"
+#include "support/TestSupport.h"
 #include "platform/SigningTestSupport.h"
 #include "support/HelperFixture.h"
 
@@ -51,7 +51,7 @@ TEST(BundleProgramServiceTest, OnlyTheVendorsProgramsStart) {
         signedCopy(standIn("vendor"), vpnc, "com.tallowmar.Korvo.vpnc");
     });
 
-    TestDirectory tmp;
+    TempDir tmp{"/tmp", 0755};
     const std::string config = tmp.write("Branch.conf", "IPSec gateway 10.79.0.2\nIPSec ID group\nIPSec secret s\n"
                                                         "Xauth username user\nXauth password p\n");
     fs::create_symlink("/usr/share/vpnc-scripts/vpnc-script", tmp.file("Branch-vpnc-script.sh"));
@@ -60,7 +60,7 @@ TEST(BundleProgramServiceTest, OnlyTheVendorsProgramsStart) {
     helper.call("setTmpDirPath", {{"path", tmp.path() + "/"}});
     const auto connect = [&](const std::string& bundle) {
         helper.call("setKorvoBundlePath", {{"path", bundle}});
-        ComPort comPort;
+        ComPortListener comPort;
         return helper.call("connectVPNCWithConfig", {{"config", config}, {"comPort", comPort.port()}});
     };
 

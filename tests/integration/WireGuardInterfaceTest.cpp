@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "WireGuardTestNetwork.h"
+#include "support/TestSupport.h"
 #include "core/HelperTool.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 

@@ -15,7 +15,7 @@
 #include <future>
 
 #include "TestBundle.h"
-#include "WireGuardTestNetwork.h"
+#include "support/TestSupport.h"
 #include "core/Error.h"
 #include "support/HelperFixture.h"
 
@@ -47,36 +47,6 @@ Outcome outcomeOf(const Dictionary& reply) {
     return outcome;
 }
 
-// The client's com port: a loopback listener that accepts the one
-// connection carrying the tunnel program's standard streams.
-class ComPortListener {
-public:
-    ComPortListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0 && ::listen(fd_, 1) == 0 &&
-            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-            port = ntohs(address.sin_port);
-        }
-        accepted_ = std::async(std::launch::async, [fd = fd_] { return ::accept4(fd, nullptr, nullptr, 0); }).share();
-    }
-    ~ComPortListener() {
-        ::shutdown(fd_, SHUT_RDWR);
-        if (const int connection = accepted_.get(); connection >= 0) ::close(connection);
-        ::close(fd_);
-    }
-    bool connected() {
-        return accepted_.wait_for(std::chrono::seconds(5)) == std::future_status::ready && accepted_.get() >= 0;
-    }
-    std::uint64_t port = 0;
-
-private:
-    int fd_;
-    std::shared_future<int> accepted_;
-};
-
 struct Variant {
     std::string operation;
     std::string displayName;
@@ -89,9 +59,7 @@ class WireGuardTunnelTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(runningIsolated()) << "run through tests/support/isolated";
-        char pattern[] = "/tmp/korvo-wg-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        work = pattern;
+        work = workDir.path();
         tmp = work + "/tmp";
         std::filesystem::create_directories(tmp);
         // The peer's name resolves only through this private hosts file.
@@ -107,8 +75,6 @@ protected:
     void TearDown() override {
         helper.stop();
         hosts.reset();
-        std::error_code ignored;
-        if (!work.empty()) std::filesystem::remove_all(work, ignored);
     }
 
     // A client's configuration for a tunnel to the peer, with the keys only
@@ -141,6 +107,7 @@ protected:
     }
 
     HelperFixture helper;
+    const TempDir workDir;
     std::string work;
     std::string tmp;
     std::unique_ptr<BindMount> hosts;
@@ -160,15 +127,15 @@ TEST_P(WireGuardTunnelVariantTest, TunnelCarriesTrafficBothWaysAndEndsOnSigint) 
         ASSERT_TRUE(amneziaSockets->ok());
     }
     PeerNamespace peer;
-    ASSERT_EQ(peer.create(), "");
+    ASSERT_TRUE(peer.ok()) << peer.problem();
     const KeyPair peerKeys = generateKeyPair();
     const KeyPair helperKeys = generateKeyPair();
     ASSERT_EQ(peer.startWireGuard("kwgpeer0", peerKeys, 51820, helperKeys.publicKey, work), "");
 
     ComPortListener comPort;
-    ASSERT_NE(comPort.port, 0u);
+    ASSERT_NE(comPort.port(), 0u);
     const Outcome reply =
-        connect(variant.operation, writeConfig(variant.interfaceName, helperKeys, peerKeys.publicKey), comPort.port);
+        connect(variant.operation, writeConfig(variant.interfaceName, helperKeys, peerKeys.publicKey), comPort.port());
     ASSERT_EQ(reply.code, 0) << reply.description << "\n" << helper.helperLog();
 
     // The reply names the running tunnel program, whose streams reach the
@@ -177,7 +144,7 @@ TEST_P(WireGuardTunnelVariantTest, TunnelCarriesTrafficBothWaysAndEndsOnSigint) 
     ASSERT_GT(pid, 0);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe"),
               kBundlePath + "/Contents/MacOS/" + variant.userspaceExecutable);
-    EXPECT_TRUE(comPort.connected());
+    EXPECT_TRUE(comPort.connected(std::chrono::seconds(5)));
 
     // The endpoint's name was resolved before the program saw it, and the
     // runtime configuration file is gone.

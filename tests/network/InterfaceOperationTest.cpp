@@ -9,6 +9,7 @@
 
 #include "NetworkTestSupport.h"
 #include "network/NetworkSystemOperations.h"
+#include "support/TestSupport.h"
 #include "util/FileSystem.h"
 
 using namespace korvo;
@@ -50,20 +51,17 @@ TEST(InterfaceOperations, MacErrorsForAnAbsentInterfaceAndNamesListedOnce) {
 class ResolverFiles : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/korvo-resolver-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        root = pattern;
-        directory = root + "/resolver/";
+        directory = root.file("resolver/");
         ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
     }
-    void TearDown() override { korvo::testing::shell("rm -rf '" + root + "'"); }
     void write(const std::string& name, const std::string& text) { writeFileAtomically(directory + name, text); }
     std::vector<std::string> remaining() {
         std::vector<std::string> names = directoryEntries(directory).value();
         std::sort(names.begin(), names.end());
         return names;
     }
-    std::string root, directory;
+    const test::TempDir root;
+    std::string directory;
 };
 
 TEST_F(ResolverFiles, RemovesOnlyMarkedFilesAndToleratesAMissingDirectory) {
@@ -73,7 +71,7 @@ TEST_F(ResolverFiles, RemovesOnlyMarkedFilesAndToleratesAMissingDirectory) {
     write("almost.example", "# @KORVO_GENERATED\n#@korvo_generated\n");
     EXPECT_FALSE(NetworkSystemOperations(nullptr, nullptr, directory)._removeKorvoGeneratedResolverFiles());
     EXPECT_EQ(remaining(), (std::vector<std::string>{"almost.example", "corp.example"}));
-    EXPECT_FALSE(NetworkSystemOperations(nullptr, nullptr, root + "/absent/")._removeKorvoGeneratedResolverFiles());
+    EXPECT_FALSE(NetworkSystemOperations(nullptr, nullptr, root.file("absent/"))._removeKorvoGeneratedResolverFiles());
 }
 
 TEST_F(ResolverFiles, AnUnreadableEntryStopsTheRemovalWhereItStands) {

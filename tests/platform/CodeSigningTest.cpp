@@ -62,7 +62,7 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     EXPECT_EQ(signing.codeSignStateForExecutable(future), CodeSignState::Unsupported);
 
     EXPECT_EQ(signing.codeSignStateForExecutable(dir.file("missing")), CodeSignState::CouldNotCheck);
-    EXPECT_EQ(signing.codeSignStateForExecutable(dir.path().string()), CodeSignState::CouldNotCheck);
+    EXPECT_EQ(signing.codeSignStateForExecutable(dir.path()), CodeSignState::CouldNotCheck);
     EXPECT_EQ(signing.codeSignStateForExecutable(""), CodeSignState::CouldNotCheck);
     const std::string unreadable = dir.file("fifo");
     ASSERT_EQ(::mkfifo(unreadable.c_str(), 0600), 0);

@@ -18,8 +18,8 @@ using platform::CodeSignState;
 using namespace platform::codesign;
 
 // A file in memory holding exactly the given bytes.
-UniqueFd memoryFile(const std::vector<std::uint8_t>& bytes) {
-    UniqueFd fd(::memfd_create("korvo-signature-test", MFD_CLOEXEC));
+platform::codesign::UniqueFd memoryFile(const std::vector<std::uint8_t>& bytes) {
+    platform::codesign::UniqueFd fd(::memfd_create("korvo-signature-test", MFD_CLOEXEC));
     EXPECT_TRUE(fd.valid());
     EXPECT_EQ(::write(fd.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     return fd;
@@ -51,7 +51,7 @@ protected:
     }
 
     SignatureEvaluation evaluate(const std::vector<std::uint8_t>& bytes) {
-        const UniqueFd fd = memoryFile(bytes);
+        const auto fd = memoryFile(bytes);
         return evaluateSignature(fd.get(), anchors);
     }
 

@@ -1,4 +1,4 @@
-// Shared by the code-signing tests: temporary folders, signed copies of
+// Shared by the code-signing tests: signed copies of
 // programs made with the build's test identities, and a child process that
 // is killed and reaped at the end of a test.
 #pragma once
@@ -18,6 +18,7 @@
 #include "TestSigning.h"
 #include "platform/linux/CodeSigner.h"
 #include "platform/linux/CodeSigningAnchors.h"
+#include "support/TestSupport.h"
 
 namespace korvo::test {
 
@@ -49,28 +50,6 @@ inline platform::codesign::CodeSigningAnchors testAnchors() {
     }
     return std::move(*anchors);
 }
-
-// A folder removed with its contents at the end of the test; under base
-// (default: the system's temporary folder).
-class TempDir {
-public:
-    explicit TempDir(const fs::path& base = fs::temp_directory_path()) {
-        std::string pattern = (base / "korvo-codesign-test-XXXXXX").string();
-        if (!::mkdtemp(pattern.data())) {
-            ADD_FAILURE() << "mkdtemp in " << base;
-        }
-        path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    const fs::path& path() const { return path_; }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    fs::path path_;
-};
 
 inline std::vector<std::uint8_t> readBytes(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -45,7 +45,7 @@ TEST(SystemExecutableTest, UnsignedFilesInRootOnlyFoldersAreSystemExecutables) {
     ASSERT_EQ(::chmod(system.c_str(), 0755), 0);
 
     // A parent writable by the group.
-    const fs::path open = closed.path() / "shared";
+    const fs::path open = fs::path(closed.path()) / "shared";
     fs::create_directory(open);
     ASSERT_EQ(::chmod(open.c_str(), 0775), 0);
     const std::string inOpen = (open / "tool").string();

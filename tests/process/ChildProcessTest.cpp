@@ -13,7 +13,7 @@
 
 #include "process/ProcessProbe.h"
 #include "process/UniqueFd.h"
-#include "../backends/VpnTestSupport.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -76,9 +76,8 @@ TEST(ChildProcessTest, ReportsExitStatusAndTerminatingSignal) {
 }
 
 TEST(ChildProcessTest, StartsInTheGivenDirectoryWithExactlyTheGivenEnvironment) {
-    char dirTemplate[] = "/tmp/korvo-child-XXXXXX";
-    ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-    const std::string dir = dirTemplate;
+    const test::TempDir tmp;
+    const std::string dir = tmp.path();
 
     ChildProcess::Options options;
     options.executable = "/bin/pwd";
@@ -89,7 +88,6 @@ TEST(ChildProcessTest, StartsInTheGivenDirectoryWithExactlyTheGivenEnvironment) 
     env.executable = "/usr/bin/env";
     env.environment = std::map<std::string, std::string>{{"A", "1"}, {"B", "two words"}};
     EXPECT_EQ(outputOf(env), "A=1\nB=two words\n");
-    ::rmdir(dir.c_str());
 }
 
 TEST(ChildProcessTest, InheritsNoDescriptorAndNoSignalSettingsOfTheHelper) {
@@ -132,9 +130,8 @@ TEST(ChildProcessTest, InheritsNoDescriptorAndNoSignalSettingsOfTheHelper) {
 // holds by then, and the descriptor is not handed down (ls itself opens
 // /proc/self/fd as 3).
 TEST(ChildProcessTest, StartsTheOpenFileAndHandsItNotDown) {
-    char dirTemplate[] = "/tmp/korvo-child-XXXXXX";
-    ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-    const std::string path = std::string(dirTemplate) + "/ls";
+    const test::TempDir dir;
+    const std::string path = dir.file("ls");
     std::filesystem::copy_file("/bin/ls", path);
     UniqueFd executable(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(executable);
@@ -147,7 +144,6 @@ TEST(ChildProcessTest, StartsTheOpenFileAndHandsItNotDown) {
     options.executableDescriptor = executable.get();
     options.arguments = {"/proc/self/fd"};
     EXPECT_EQ(outputOf(options), "0\n1\n2\n3\n");
-    std::filesystem::remove_all(dirTemplate);
 }
 
 TEST(ChildProcessTest, LaunchFailuresAreReportedAsErrno) {

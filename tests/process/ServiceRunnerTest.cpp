@@ -24,7 +24,7 @@
 #include "process/ProcessProbe.h"
 #include "process/UniqueFd.h"
 #include "util/Log.h"
-#include "../network/NetworkTestSupport.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -32,81 +32,13 @@ namespace {
 using namespace std::chrono_literals;
 using platform::CodeSignState;
 
-// Judges files by the path they were opened under; duringCheck runs while
-// the runner checks a program, as a swap would.
-class ScriptedCodeSigning final : public platform::CodeSigning {
-public:
-    std::map<std::string, CodeSignState> states;
-    std::function<void()> duringCheck;
-    std::string requirement;
-
-    CodeSignState codeSignStateForExecutable(const std::string& path) override {
-        const auto it = states.find(path);
-        return it == states.end() ? CodeSignState::Valid : it->second;
-    }
-    int checkExecutable(int fd, std::string_view requirementText) override {
-        requirement = requirementText;
-        const CodeSignState state = codeSignStateForSystemExecutable(fd);
-        if (duringCheck) duringCheck();
-        return state == CodeSignState::Valid ? 0 : platform::codesign_status::kRequirementFailed;
-    }
-    CodeSignState codeSignStateForSystemExecutable(int fd) override {
-        return codeSignStateForExecutable(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
-    }
-    int copyGuestWithPid(pid_t, std::unique_ptr<platform::GuestCode>&) override { return -1; }
-    int createRequirement(std::string_view, std::unique_ptr<platform::CodeRequirement>&) override { return -1; }
-    int checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) override { return -1; }
-};
-
-// A TCP listener on the loopback address, standing in for the client's com
-// port.
-class ComPortListener {
-public:
-    ComPortListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), length);
-        ::listen(fd_.get(), 4);
-        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
-    }
-    std::uint16_t port() const { return port_; }
-    UniqueFd accept() { return UniqueFd(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
-
-private:
-    UniqueFd fd_;
-    std::uint16_t port_ = 0;
-};
-
-std::string readAll(int fd) {
-    std::string out;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
-    return out;
-}
-
 class ServiceRunnerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        signing_ = std::make_shared<ScriptedCodeSigning>();
         HelperServices services;
         services.codeSigning = signing_;
         tool_ = std::make_unique<KorvoHelperTool>(services);
-        char dirTemplate[] = "/tmp/korvo-runner-XXXXXX";
-        ASSERT_NE(::mkdtemp(dirTemplate), nullptr);
-        dir_ = dirTemplate;
         tool_->setTmpDirPath(dir_ + "/");
-        setLogSink([this](int priority, std::string_view line) {
-            std::lock_guard lock(logMutex_);
-            if (priority == LOG_ERR) errors_.emplace_back(line);
-        });
-    }
-    void TearDown() override {
-        setLogSink(nullptr);
-        std::filesystem::remove_all(dir_);
     }
 
     // A shell script in the test directory; it leaves a marker file when it
@@ -119,19 +51,16 @@ protected:
     }
     std::string marker(const std::string& name) const { return dir_ + "/" + name + ".ran"; }
     bool ran(const std::string& name) const { return std::filesystem::exists(marker(name)); }
-    std::vector<std::string> errorLines() {
-        std::lock_guard lock(logMutex_);
-        return errors_;
-    }
+    std::vector<std::string> errorLines() { return log_.errors(); }
 
-    std::shared_ptr<ScriptedCodeSigning> signing_;
+    std::shared_ptr<test::FakeCodeSigning> signing_ = std::make_shared<test::FakeCodeSigning>();
     std::unique_ptr<KorvoHelperTool> tool_;
-    std::string dir_;
-    std::mutex logMutex_;
-    std::vector<std::string> errors_;
+    const test::TempDir tmp_;
+    const std::string dir_ = tmp_.path();
+    test::LogCapture log_;
 };
 
-const auto messageOf = testing::errorMessage;
+const auto messageOf = test::errorMessage;
 
 TEST_F(ServiceRunnerTest, MissingExecutableIsCode62) {
     MaybeError error;
@@ -188,7 +117,7 @@ TEST_F(ServiceRunnerTest, TheCheckedFileIsTheOneThatRuns) {
 // (ComPortProgramsServiceTest); here the port itself.
 TEST_F(ServiceRunnerTest, ComPortSocket) {
     // A port number beyond 16 bits is refused, not truncated to another port.
-    ComPortListener listener;
+    test::ComPortListener listener;
     EXPECT_EQ(tool_->openSocketOnPort(65536 + listener.port()), -1);
     UniqueFd socket(tool_->openSocketOnPort(listener.port()));
     EXPECT_TRUE(socket);
@@ -268,7 +197,7 @@ TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
 }
 
 TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
-    ComPortListener listener;
+    test::ComPortListener listener;
     const std::string path = script("talker", "read line; echo \"got $line\"; echo oops >&2");
     std::shared_ptr<CSCapturedProcessOutput> captured;
     MaybeError error;
@@ -276,11 +205,10 @@ TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
                                               &error);
     ASSERT_GT(pid, 0) << messageOf(error);
     EXPECT_EQ(captured, nullptr);  // nothing is captured from a com port
-    UniqueFd connection = listener.accept();
-    ASSERT_TRUE(connection);
-    ASSERT_EQ(::write(connection.get(), "hello\n", 6), 6);
+    ASSERT_TRUE(listener.send("hello\n"));
     // End of file arrives when the child ends: the helper keeps no copy.
-    EXPECT_EQ(readAll(connection.get()), "got hello\noops\n");
+    EXPECT_TRUE(listener.waitForEnd());
+    EXPECT_EQ(listener.text(), "got hello\noops\n");
 }
 
 TEST_F(ServiceRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "process/StartedProcesses.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -25,9 +26,8 @@ pid_t startSleeper() {
 // Only a process the helper started, and still the same one, is ever
 // signalled; a restarted helper still knows it; pid 1 or a stranger never.
 TEST(StartedProcessesTest, SignalsOnlyTheProcessesItStartedAcrossARestart) {
-    char pattern[] = "/tmp/korvo-started-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    auto store = std::make_shared<StoreArea>(std::string(pattern) + "/run", std::nullopt);
+    const test::TempDir dir;
+    auto store = std::make_shared<StoreArea>(dir.file("run"), std::nullopt);
     ASSERT_EQ(store->prepare(), std::nullopt);
 
     const pid_t ours = startSleeper();
@@ -57,7 +57,6 @@ TEST(StartedProcessesTest, SignalsOnlyTheProcessesItStartedAcrossARestart) {
 
     ::kill(stranger, SIGKILL);
     ::waitpid(stranger, &status, 0);
-    std::filesystem::remove_all(pattern);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "util/Log.h"
 
 namespace korvo {
@@ -10,11 +11,10 @@ namespace {
 
 // A client's text cannot break a log line or smuggle terminal controls in.
 TEST(LogTest, ControlCharactersInALineAreEscaped) {
-    std::vector<std::string> lines;
-    setLogSink([&](int, std::string_view line) { lines.emplace_back(line); });
+    test::LogCapture log;
     logMessage(LOG_NOTICE, "configPath: %s", "/tmp/a\nError: forged line\r\t\x1b[2J\x7f.conf");
     logMessage(LOG_NOTICE, "plain %s", "/tmp/b.conf");
-    setLogSink(nullptr);
+    const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0], "configPath: /tmp/a\\nError: forged line\\r\\t\\x1b[2J\\x7f.conf");
     EXPECT_EQ(lines[1], "plain /tmp/b.conf");

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/TestSupport.h"
 #include "util/StoreArea.h"
 
 namespace korvo {
@@ -24,14 +25,13 @@ struct stat statOf(const std::string& path) {
 // planted under a store directory's name, the helper's state ends up in a
 // root 0700 directory of its own.
 TEST(StoreAreaTest, StoreDirectoriesAreRootsOwnWhateverWasPlanted) {
-    char pattern[] = "/tmp/korvo-store-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::string run = std::string(pattern) + "/Korvo";
+    const test::TempDir dir;
+    const std::string run = dir.file("Korvo");
     const gid_t clientGroup = 4321;
     const StoreArea store(run, clientGroup);
 
     ASSERT_EQ(::mkdir(run.c_str(), 0777), 0);
-    const std::string elsewhere = std::string(pattern) + "/elsewhere";
+    const std::string elsewhere = dir.file("elsewhere");
     ASSERT_EQ(::mkdir(elsewhere.c_str(), 0700), 0);
     ASSERT_EQ(::symlink(elsewhere.c_str(), store.path(StoreDirectory::Connections).c_str()), 0);
     ASSERT_EQ(::mkdir(store.path(StoreDirectory::NetworkTransactions).c_str(), 0700), 0);
@@ -57,7 +57,6 @@ TEST(StoreAreaTest, StoreDirectoriesAreRootsOwnWhateverWasPlanted) {
     EXPECT_TRUE(store.open(StoreDirectory::Connections));
     EXPECT_EQ(statOf(connections).st_mode & 07777, 0700u);
 
-    fs::remove_all(pattern);
 }
 
 }  // namespace

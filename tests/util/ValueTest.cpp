@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/TestSupport.h"
 #include "util/FileSystem.h"
 #include "util/PropertyList.h"
 #include "util/Utf8.h"
@@ -55,12 +56,8 @@ TEST(Utf8, RejectsMalformedSequences) {
 
 class FileSystemTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/korvo-fs-XXXXXX";
-        dir_ = ::mkdtemp(tmpl);
-    }
-    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-    std::string dir_;
+    const test::TempDir tmp_;
+    const std::string dir_ = tmp_.path();
 };
 
 TEST_F(FileSystemTest, AtomicWriteReplacesContentsAndSetsMode) {

@@ -1,0 +1,476 @@
+#include "support/TestSupport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "util/Log.h"
+
+extern char** environ;
+
+namespace korvo::test {
+
+namespace {
+
+std::string readWholeFile(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+std::string withoutTrailingNewlines(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+ShellResult shell(const std::string& command) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return {};
+    UniqueFd readEnd(fds[0]);
+    UniqueFd writeEnd(fds[1]);
+    ChildProcess::Options options;
+    options.executable = "/bin/sh";
+    options.arguments = {"-c", command};
+    options.standardOutput = writeEnd.get();
+    options.standardError = writeEnd.get();
+    int error = 0;
+    auto child = ChildProcess::launch(options, &error);
+    writeEnd.reset();
+    if (!child) return {};
+    ShellResult result;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(readEnd.get(), buffer, sizeof buffer)) > 0) result.output.append(buffer, static_cast<std::size_t>(n));
+    result.exitStatus = child->waitUntilExit();
+    return result;
+}
+
+bool runningIsolated() {
+    const char* flag = std::getenv("KORVO_ISOLATED");
+    // PID 1 of our PID namespace is the isolating shell, not the machine's init.
+    return flag && std::string(flag) == "1" && readWholeFile("/proc/1/cmdline").find("isolated") != std::string::npos;
+}
+
+TempDir::TempDir(const std::string& base, mode_t mode) {
+    std::string pattern = base + "/korvo-test-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp in " + base);
+    path_ = pattern;
+    ::chmod(path_.c_str(), mode);
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& text) const {
+    const std::string path = file(name);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    return path;
+}
+
+ComPortListener::ComPortListener()
+    : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), stop_(::eventfd(0, EFD_CLOEXEC)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener_.get(), 4) != 0 ||
+        ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return;
+    }
+    port_ = ntohs(address.sin_port);
+    reader_ = std::thread([this] {
+        pollfd waitAccept[2] = {{listener_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
+        if (::poll(waitAccept, 2, -1) <= 0 || waitAccept[1].revents) return;
+        UniqueFd connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection) return;
+        const int fd = connection.get();
+        {
+            std::lock_guard lock(mutex_);
+            connection_ = std::move(connection);
+            connected_ = true;
+        }
+        changed_.notify_all();
+        char buffer[4096];
+        for (;;) {
+            pollfd waitData[2] = {{fd, POLLIN, 0}, {stop_.get(), POLLIN, 0}};
+            if (::poll(waitData, 2, -1) <= 0 || waitData[1].revents) return;
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            {
+                std::lock_guard lock(mutex_);
+                if (n <= 0) ended_ = true;
+                else text_.append(buffer, static_cast<std::size_t>(n));
+            }
+            changed_.notify_all();
+            if (n <= 0) return;
+        }
+    });
+}
+
+ComPortListener::~ComPortListener() {
+    const std::uint64_t one = 1;
+    if (::write(stop_.get(), &one, sizeof one) != sizeof one) return;
+    if (reader_.joinable()) reader_.join();
+}
+
+bool ComPortListener::connected(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return connected_; });
+}
+
+bool ComPortListener::send(const std::string& text) {
+    if (!connected(std::chrono::seconds(20))) return false;
+    std::lock_guard lock(mutex_);
+    return ::write(connection_.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+bool ComPortListener::waitFor(const std::string& needle, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return text_.find(needle) != std::string::npos; });
+}
+
+bool ComPortListener::waitForEnd(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return ended_; });
+}
+
+std::string ComPortListener::text() const {
+    std::lock_guard lock(mutex_);
+    return text_;
+}
+
+platform::CodeSignState FakeCodeSigning::codeSignStateForExecutable(const std::string& path) {
+    const auto it = states.find(path);
+    return it == states.end() ? platform::CodeSignState::Valid : it->second;
+}
+
+int FakeCodeSigning::checkExecutable(int fd, std::string_view requirementText) {
+    requirement = requirementText;
+    const auto state = codeSignStateForSystemExecutable(fd);
+    if (duringCheck) duringCheck();
+    return state == platform::CodeSignState::Valid ? 0 : platform::codesign_status::kRequirementFailed;
+}
+
+platform::CodeSignState FakeCodeSigning::codeSignStateForSystemExecutable(int fd) {
+    std::error_code error;
+    return codeSignStateForExecutable(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error));
+}
+
+namespace {
+struct FakeGuest : platform::GuestCode {
+    explicit FakeGuest(pid_t p) : p_(p) {}
+    pid_t pid() const override { return p_; }
+    pid_t p_;
+};
+struct FakeRequirement : platform::CodeRequirement {};
+}  // namespace
+
+int FakeCodeSigning::copyGuestWithPid(pid_t pid, std::unique_ptr<platform::GuestCode>& guest) {
+    lookedUp.push_back(pid);
+    if (guestStatus == 0) guest = std::make_unique<FakeGuest>(pid);
+    return guestStatus;
+}
+
+int FakeCodeSigning::createRequirement(std::string_view text, std::unique_ptr<platform::CodeRequirement>& made) {
+    requirement = text;
+    if (requirementStatus == 0) made = std::make_unique<FakeRequirement>();
+    return requirementStatus;
+}
+
+int FakeCodeSigning::checkValidity(const platform::GuestCode&, const platform::CodeRequirement&) {
+    return validityStatus;
+}
+
+LogCapture::LogCapture() {
+    setLogSink([this](int priority, std::string_view line) {
+        std::lock_guard lock(mutex_);
+        lines_.emplace_back(priority, std::string(line));
+    });
+}
+
+LogCapture::~LogCapture() { setLogSink(nullptr); }
+
+std::vector<std::string> LogCapture::lines() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    for (const auto& entry : lines_) out.push_back(entry.second);
+    return out;
+}
+
+std::vector<std::string> LogCapture::errors() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    for (const auto& [priority, line] : lines_) {
+        if (priority == LOG_ERR) out.push_back(line);
+    }
+    return out;
+}
+
+bool LogCapture::contains(const std::string& line) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& entry : lines_) {
+        if (entry.second == line) return true;
+    }
+    return false;
+}
+
+void LogCapture::clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+}
+
+std::string errorMessage(const MaybeError& error) {
+    if (!error) return "(no error)";
+    const std::string description = error->localizedDescription().value_or("");
+    const auto separator = description.find("\n\n");
+    return separator == std::string::npos ? description : description.substr(separator + 2);
+}
+
+KeyPair generateKeyPair() {
+    KeyPair keys;
+    keys.privateKey = withoutTrailingNewlines(shell("wg genkey").output);
+    keys.publicKey = withoutTrailingNewlines(shell("echo '" + keys.privateKey + "' | wg pubkey").output);
+    return keys;
+}
+
+PeerNamespace::PeerNamespace(std::string name, std::string hostAddress, std::string peerAddress)
+    : name_(std::move(name)), hostAddress_(std::move(hostAddress)), peerAddress_(std::move(peerAddress)) {
+    if (!runningIsolated()) {
+        problem_ = "not inside tests/support/isolated";
+        return;
+    }
+    const std::string hostLink = "vh-" + name_;
+    const std::string peerLink = "vp-" + name_;
+    const auto setup = shell("set -e; ip netns add " + name_ + "; ip -n " + name_ + " link set lo up; " +
+                             "ip link add " + hostLink + " type veth peer name " + peerLink + " netns " + name_ +
+                             "; ip addr add " + hostAddress_ + "/24 dev " + hostLink + "; ip link set " + hostLink +
+                             " up; ip -n " + name_ + " addr add " + peerAddress_ + "/24 dev " + peerLink +
+                             "; ip -n " + name_ + " link set " + peerLink + " up");
+    if (setup.exitStatus != 0) problem_ = "peer namespace: " + setup.output + " ";
+}
+
+PeerNamespace::~PeerNamespace() {
+    if (wireGuard_) {
+        wireGuard_->sendSignal(SIGINT);
+        if (!wireGuard_->waitForExit(3.0)) wireGuard_->sendSignal(SIGKILL);
+    }
+    if (runningIsolated()) shell("ip link del vh-" + name_ + " 2>/dev/null; ip netns del " + name_ + " 2>/dev/null");
+}
+
+UniqueFd PeerNamespace::socketInside(int type, int protocol) const {
+    UniqueFd result;
+    // Only the calling thread changes namespace; a socket keeps the one it
+    // was made in.
+    std::thread([&] {
+        UniqueFd ns(::open(("/run/netns/" + name_).c_str(), O_RDONLY | O_CLOEXEC));
+        if (ns && ::setns(ns.get(), CLONE_NEWNET) == 0) result.reset(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
+    }).join();
+    return result;
+}
+
+ShellResult PeerNamespace::exec(const std::string& command) const {
+    return shell("ip netns exec " + name_ + " " + command);
+}
+
+std::string PeerNamespace::startWireGuard(const std::string& interfaceName, const KeyPair& keys, int listenPort,
+                                          const std::string& helperPublicKey, const std::string& workDirectory) {
+    std::map<std::string, std::string> environment = {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"},
+                                                      {"WG_PROCESS_FOREGROUND", "1"}};
+    const std::string logPath = workDirectory + "/peer-wireguard-go.log";
+    const UniqueFd log(::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    ChildProcess::Options launch;
+    launch.executable = "/bin/ip";
+    launch.arguments = {"netns", "exec", name_, "/usr/bin/wireguard-go", interfaceName};
+    launch.environment = environment;
+    launch.standardOutput = launch.standardError = log.get();
+    int launchError = 0;
+    wireGuard_ = ChildProcess::launch(launch, &launchError);
+    if (!wireGuard_) return "peer wireguard-go not started: " + std::to_string(launchError);
+    const std::string socket = "/var/run/wireguard/" + interfaceName + ".sock";
+    if (!eventually([&] { return std::filesystem::exists(socket); })) {
+        return "peer wireguard-go made no control socket: " + readWholeFile(logPath);
+    }
+    const std::string keyPath = workDirectory + "/peer.key";
+    std::ofstream(keyPath) << keys.privateKey << "\n";
+    const std::string ipn = "ip -n " + name_ + " ";
+    const ShellResult result =
+        shell("set -e\nwg set " + interfaceName + " listen-port " + std::to_string(listenPort) + " private-key " +
+              keyPath + " peer " + helperPublicKey + " allowed-ips 10.77.0.2/32\n" + ipn +
+              "addr add 10.77.0.1/32 dev " + interfaceName + "\n" + ipn + "link set " + interfaceName + " up\n" + ipn +
+              "route add 10.77.0.2/32 dev " + interfaceName + "\n");
+    return result.exitStatus == 0 ? "" : "peer wireguard: " + result.output;
+}
+
+BindMount::BindMount(const std::string& source, const std::string& target) : target_(target) {
+    if (!runningIsolated()) return;
+    std::error_code ignored;
+    if (std::filesystem::is_directory(source)) std::filesystem::create_directories(target, ignored);
+    mounted_ = ::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+BindMount::~BindMount() {
+    if (mounted_) ::umount2(target_.c_str(), MNT_DETACH);
+}
+
+BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath)
+    : logPath_(std::move(logPath)) {
+    UniqueFd log(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    ChildProcess::Options options;
+    options.executable = "/usr/sbin/ip";
+    options.arguments = {"netns", "exec", netns};
+    options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
+    options.standardOutput = log.get();
+    options.standardError = log.get();
+    int error = 0;
+    child_ = ChildProcess::launch(options, &error);
+}
+
+BackgroundProgram::~BackgroundProgram() {
+    if (!child_) return;
+    child_->terminate();
+    if (!child_->waitForExit(5.0)) {
+        child_->sendSignal(SIGKILL);
+        child_->waitUntilExit();
+    }
+}
+
+std::string BackgroundProgram::log() const {
+    std::ifstream in(logPath_);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+namespace {
+
+// Every process, with the text after "(comm) " of its /proc/PID/stat.
+std::vector<std::pair<pid_t, std::string>> allProcesses() {
+    std::vector<std::pair<pid_t, std::string>> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (std::getline(stat, line) && line.rfind(')') != std::string::npos) {
+            found.emplace_back(std::stoi(name), line.substr(line.rfind(')') + 2));
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+std::vector<pid_t> zombieChildrenOf(pid_t parent) {
+    std::vector<pid_t> zombies;
+    for (const auto& [pid, stat] : allProcesses()) {
+        char state = 0;
+        pid_t ppid = 0;
+        std::istringstream(stat) >> state >> ppid;
+        if (ppid == parent && state == 'Z') zombies.push_back(pid);
+    }
+    return zombies;
+}
+
+std::vector<pid_t> processesRunningFrom(const std::string& directory) {
+    std::vector<pid_t> found;
+    for (const auto& [pid, stat] : allProcesses()) {
+        std::error_code error;
+        const auto exe = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).string();
+        if (!error && exe.rfind(directory + "/", 0) == 0) found.push_back(pid);
+    }
+    return found;
+}
+
+
+std::vector<pid_t> zombieProcesses() {
+    std::vector<pid_t> zombies;
+    for (const auto& [pid, stat] : allProcesses()) {
+        if (!stat.empty() && stat[0] == 'Z') zombies.push_back(pid);
+    }
+    return zombies;
+}
+
+std::vector<pid_t> processesNamed(const std::string& name) {
+    std::vector<pid_t> found;
+    for (const auto& [pid, stat] : allProcesses()) {
+        if (withoutTrailingNewlines(readWholeFile("/proc/" + std::to_string(pid) + "/comm")) == name) found.push_back(pid);
+    }
+    return found;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+std::vector<std::string> commandLineOf(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    std::vector<std::string> argv;
+    for (std::string arg; std::getline(in, arg, '\0');) argv.push_back(arg);
+    return argv;
+}
+
+bool waitUntilGone(pid_t pid, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (::kill(pid, 0) != 0 && errno == ESRCH) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+namespace {
+const Dictionary* errorOf(const Dictionary& reply) {
+    const auto it = reply.find("error");
+    return it == reply.end() ? nullptr : it->second.asDictionary();
+}
+}  // namespace
+
+std::int64_t errorCodeOf(const Dictionary& reply) {
+    const Dictionary* error = errorOf(reply);
+    if (!error) return 0;
+    const auto it = error->find("code");
+    return it == error->end() ? 0 : it->second.integerValue().value_or(0);
+}
+
+std::string errorDomainOf(const Dictionary& reply) {
+    const Dictionary* error = errorOf(reply);
+    return error ? stringForKey(*error, "domain").value_or("") : "";
+}
+
+std::string errorMessageOf(const Dictionary& reply) {
+    const Dictionary* error = errorOf(reply);
+    const std::string description = error ? stringForKey(*error, "description").value_or("") : "";
+    const auto split = description.find("\n\n");
+    return split == std::string::npos ? description : description.substr(split + 2);
+}
+
+std::int64_t pidOf(const Dictionary& reply) {
+    const auto it = reply.find("pid");
+    return it == reply.end() ? 0 : it->second.integerValue().value_or(0);
+}
+
+}  // namespace korvo::test
