@@ -103,8 +103,15 @@ TEST(RouteMessage, RepliesMatchOnPidAndTheCountersCurrentValue) {
     EXPECT_TRUE(routeWriteErrorMeansAbsent(2, ENOENT) && routeWriteErrorMeansAbsent(2, ESRCH));
     EXPECT_FALSE(routeWriteErrorMeansAbsent(1, ESRCH) || routeWriteErrorMeansAbsent(2, EEXIST));
 
-    // One counter for the process, starting at 0: the first message is number 1.
-    EXPECT_EQ(processRouteSequenceCounter().current(), 0);
-    EXPECT_EQ(processRouteSequenceCounter().increment(), 1);
-    EXPECT_EQ(processRouteSequenceCounter().current(), 1);
+    // A counter starts at 0, so the first message is number 1; the process
+    // has one, whatever other tests have taken from it already.
+    RouteSequenceCounter fresh;
+    EXPECT_EQ(fresh.current(), 0);
+    EXPECT_EQ(fresh.increment(), 1);
+    EXPECT_EQ(fresh.current(), 1);
+    RouteSequenceCounter& counter = processRouteSequenceCounter();
+    EXPECT_EQ(&counter, &processRouteSequenceCounter());
+    const std::int32_t before = counter.current();
+    EXPECT_EQ(counter.increment(), before + 1);
+    EXPECT_EQ(processRouteSequenceCounter().current(), before + 1);
 }
