@@ -34,24 +34,12 @@ TEST(KorvoError, CodesWithoutDescription) {
     }
 }
 
-// Every code up to 74 but 60 and 72 has a text of its own.
 TEST(KorvoError, EveryOtherCodeHasADescription) {
     for (int code = 0; code <= 74; ++code) {
         if (code == 60 || code == 72) continue;
         ASSERT_TRUE(localizedDescriptionForKorvoErrorCode(code)) << code;
         EXPECT_FALSE(localizedDescriptionForKorvoErrorCode(code)->empty()) << code;
     }
-}
-
-TEST(KorvoError, CallerUserInfoIsCopiedAndKept) {
-    const Dictionary info{{"extra", 5}};
-    KorvoError e = errorWithKorvoErrorCode(66, std::string("m"), info);
-    ASSERT_TRUE(e.userInfo);
-    EXPECT_EQ(e.userInfo->at("extra"), Value(5));
-    EXPECT_EQ(info.size(), 1u);
-    // An unknown code with caller info and no message keeps just the caller's info.
-    KorvoError unknown = errorWithKorvoErrorCode(99, std::nullopt, info);
-    EXPECT_EQ(unknown.userInfo, info);
 }
 
 TEST(KorvoError, RoundTripsThroughItsDictionaryForm) {

@@ -54,20 +54,6 @@ protected:
         return services;
     }
 
-    // Runs one operation of the table on the tool; the reply it sent.
-    Dictionary perform(KorvoHelperTool& tool, const std::string& name, const Dictionary& args) {
-        const OperationSpec* op = findOperation(name);
-        EXPECT_NE(op, nullptr) << name;
-        int replies = 0;
-        Dictionary reply;
-        op->handler(tool, args, [&](Dictionary r) {
-            ++replies;
-            reply = std::move(r);
-        });
-        EXPECT_EQ(replies, 1) << name;
-        return reply;
-    }
-
     const test::TempDir tmp;
     const fs::path dir = tmp.path();
     std::string listenerName;
@@ -99,32 +85,6 @@ TEST_F(HelperToolTest, StartsWithItsDefaults) {
     EXPECT_EQ(KorvoHelperTool(services).korvoBundle(), std::nullopt);
 
     if (savedTmpdir) ::setenv("TMPDIR", saved.c_str(), 1);
-}
-
-// The setters through the operation table, as the bus calls them: each
-// replies once with an empty dictionary and changes only its own field.
-TEST_F(HelperToolTest, SettersStoreWhatTheClientSends) {
-    KorvoHelperTool tool(HelperServices{});
-
-    EXPECT_TRUE(perform(tool, "setKorvoBundlePath", {{"path", (dir / "Korvo.app").string()}}).empty());
-    ASSERT_TRUE(tool.korvoBundle());
-    EXPECT_TRUE(perform(tool, "setKorvoBundlePath", {{"path", (dir / "Korvo.app/Contents/MacOS").string()}}).empty());
-    EXPECT_EQ(tool.korvoBundle(), std::nullopt);  // not a bundle
-
-    EXPECT_TRUE(perform(tool, "setTmpDirPath", {{"path", "relative/no-slash"}}).empty());
-    EXPECT_EQ(tool.tmpDirPath(), "relative/no-slash");  // taken as it is
-    perform(tool, "setTmpDirPath", {});
-    EXPECT_EQ(tool.tmpDirPath(), "");  // nil
-
-    perform(tool, "setNetworkDiagnosticsCaptureEnabled", {{"enabled", true}, {"logFilePath", "/tmp/diag.log"}});
-    EXPECT_TRUE(tool.networkDiagnosticsCaptureEnabled());
-    EXPECT_EQ(tool.networkDiagnosticsLogPath(), "/tmp/diag.log");
-    perform(tool, "setNetworkDiagnosticsCaptureEnabled", {{"enabled", false}});
-    EXPECT_FALSE(tool.networkDiagnosticsCaptureEnabled());
-    EXPECT_EQ(tool.networkDiagnosticsLogPath(), std::nullopt);
-
-    perform(tool, "setVPNDebugLoggingEnabled", {{"enabled", true}});
-    EXPECT_TRUE(tool.vpnDebugLoggingEnabled());
 }
 
 // The order on standard error: the log line, then the reply, then exit 0.

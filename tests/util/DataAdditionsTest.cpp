@@ -90,28 +90,5 @@ TEST(Base64Encoding, DecodesBackForEveryLengthAndLayout) {
     }
 }
 
-TEST(Digests, KnownVectorsInBinaryAndHex) {
-    EXPECT_EQ(MD5HexDigest(bytes("")), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(MD5HexDigest(bytes("abc")), "900150983cd24fb0d6963f7d28e17f72");
-    EXPECT_EQ(SHA256HexDigest(bytes("")), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    EXPECT_EQ(SHA256HexDigest(bytes("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    const Data md5 = MD5Digest(bytes("abc"));
-    ASSERT_EQ(md5.size(), 16u);
-    EXPECT_EQ(md5[0], 0x90);
-    EXPECT_EQ(md5[15], 0x72);
-    EXPECT_EQ(SHA256Digest(bytes("abc")).size(), 32u);
-    // Every byte counts, NUL included.
-    EXPECT_NE(SHA256HexDigest(bytes(std::string_view("a\0b", 3))), SHA256HexDigest(bytes("a")));
-}
-
-TEST(RandomData, HasTheRequestedLengthAndVaries) {
-    EXPECT_TRUE(randomDataWithBytes(0).empty());
-    const Data first = randomDataWithBytes(64);
-    const Data second = randomDataWithBytes(64);
-    EXPECT_EQ(first.size(), 64u);
-    EXPECT_NE(first, second);
-    EXPECT_EQ(randomDataWithBytes(1 << 20).size(), std::size_t{1} << 20);
-}
-
 }  // namespace
 }  // namespace korvo
