@@ -25,8 +25,6 @@
 #include "process/ChildProcess.h"
 #include "process/UniqueFd.h"
 
-extern char** environ;
-
 namespace korvo::test {
 namespace {
 
@@ -34,13 +32,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kHelperBusName = "com.tallowmar.korvo.utility";
 
+// A fixed environment plus the additions: neither the bus, the helper nor
+// a client sees the caller's (XDG_DATA_DIRS, TMPDIR, HOME would change what
+// the helper finds).
 std::map<std::string, std::string> environmentWith(const std::map<std::string, std::string>& additions) {
-    std::map<std::string, std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry = *e;
-        const auto equals = entry.find('=');
-        env.emplace(entry.substr(0, equals), equals == std::string::npos ? "" : entry.substr(equals + 1));
-    }
+    std::map<std::string, std::string> env = {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}, {"LANG", "C"}};
     for (const auto& [key, value] : additions) env[key] = value;
     return env;
 }
