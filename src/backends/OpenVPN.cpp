@@ -1,6 +1,8 @@
 // connectOpenVPNWithConfig: OpenVPN puts itself in the background and is then
 // driven by the client through its management interface on 127.0.0.1.
+#include <chrono>
 #include <cstdint>
+#include <thread>
 #include <filesystem>
 
 #include "backends/BackendSupport.h"
@@ -17,6 +19,7 @@ namespace {
 
 constexpr std::int64_t kHelperProblemCode = 55;
 constexpr std::size_t kManagementPasswordBytes = 32;
+constexpr auto kPidFileWait = std::chrono::seconds(2);
 
 struct OpenVPNFiles {
     std::string config;              // the checked copy OpenVPN reads
@@ -50,6 +53,21 @@ Result<OpenVPNFiles> prepareOpenVPNFiles(const StoreArea* store, const std::stri
     auto passwordFile = store->replaceSharedFile(sharedName + ".management", bytesOf(password), 0640);
     if (!passwordFile) return passwordFile.error();
     return OpenVPNFiles{*config, *log, *passwordFile, directory->pathOf("openvpn.pid")};
+}
+
+// The program in the background is the one the helper may end later. It
+// writes its pid once it is there, which may be just after the process the
+// helper started has returned: wait a little for the file's one line.
+pid_t waitForPidFile(const std::string& path) {
+    const auto deadline = std::chrono::steady_clock::now() + kPidFileWait;
+    do {
+        if (const auto text = readUTF8File(path); text && text->find('\n') != std::string::npos) {
+            const auto pid = scanInteger(*text);
+            return pid && pid->value > 0 && pid->value <= INT32_MAX ? static_cast<pid_t>(pid->value) : -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    } while (std::chrono::steady_clock::now() < deadline);
+    return -1;
 }
 
 }  // namespace
@@ -92,12 +110,9 @@ void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>&
     // background, so waiting for it reports configuration errors.
     MaybeError error;
     runServiceAtPath(executable, arguments, 0, true, opensslLegacyProviderEnvironment(), &error);
-    // The program in the background is the one the helper may end later.
     if (!error) {
-        if (const auto pidText = readUTF8File(files.pid)) {
-            if (const auto pid = scanInteger(*pidText); pid && pid->value > 0 && pid->value <= INT32_MAX) {
-                startedProcesses().recordStart(static_cast<pid_t>(pid->value), executable);
-            }
+        if (const pid_t background = waitForPidFile(files.pid); background > 0) {
+            startedProcesses().recordStart(background, executable);
         }
     }
     reply(error, std::nullopt);

@@ -47,6 +47,7 @@ protected:
         // variables into openvpn.argv and openvpn.env in its working directory.
         const std::string path = bundle_ + "/Contents/MacOS/openvpn";
         std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > openvpn.argv\n"
+                            << "for a; do [ \"$prev\" = --writepid ] && echo $$ > \"$a\"; prev=$a; done\n"
                             << "echo \"${OPENSSL_MODULES-unset} ${OPENSSL_CONF-unset}\" > openvpn.env\n";
         ::chmod(path.c_str(), 0600);
         HelperServices services;
