@@ -106,6 +106,92 @@ UniqueFd pipeHolding(const std::string& text) {
     return readEnd;
 }
 
+// A refused or failed launch: its log line (when given) and its error.
+pid_t failLaunch(MaybeError* error, std::int64_t code, std::string message, const char* logLine,
+                 const std::string& path) {
+    if (logLine) logMessage(LOG_ERR, logLine, path.c_str());
+    if (error) *error = errorWithKorvoErrorCode(code, std::move(message));
+    return -1;
+}
+
+// The child's standard streams: the com port for all three, or a pipe for
+// output and error; a text, when given, as its whole standard input.
+struct ChildStreams {
+    UniqueFd outputRead, outputWrite, comSocket, input;
+
+    // nullopt on success, else the error message.
+    std::optional<std::string> open(KorvoHelperTool& tool, std::uint64_t comPort,
+                                    const std::optional<std::string>& standardInputText) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) return "";
+        outputRead.reset(ends[0]);
+        outputWrite.reset(ends[1]);
+        if (comPort != 0) {
+            comSocket.reset(tool.openSocketOnPort(comPort));
+            if (!comSocket) return "Could not open the VPN process communication socket.";
+        }
+        // A secret that must not show in the arguments comes as a pipe that
+        // holds it whole and then ends.
+        if (standardInputText && !(input = pipeHolding(*standardInputText))) return "";
+        return std::nullopt;
+    }
+
+    void assignTo(ChildProcess::Options& options) const {
+        const int output = comSocket ? comSocket.get() : outputWrite.get();
+        options.standardOutput = output;
+        options.standardError = output;
+        if (input) {
+            options.standardInput = input.get();
+        } else if (comSocket) {
+            options.standardInput = comSocket.get();
+        }
+    }
+
+    // The child has its own copies now; the helper keeps neither the com
+    // socket (so the client sees the end when the child goes) nor the
+    // pipe's writing end (so the pipe ends when the child does).
+    void releaseChildEnds() {
+        comSocket.reset();
+        outputWrite.reset();
+        input.reset();
+    }
+};
+
+// Drains the child's output pipe, so that a child writing more than the pipe
+// holds never stalls, whether anyone keeps its output or not. Returns the
+// tail to read an error from, when one is wanted.
+std::shared_ptr<OutputTail> drainOutput(UniqueFd readEnd, bool keepTail,
+                                        const std::shared_ptr<CSCapturedProcessOutput>& collector) {
+    auto tail = keepTail ? std::make_shared<OutputTail>() : nullptr;
+    const bool drained = ProcessWatcher::shared().watchOutput(
+        std::move(readEnd),
+        [collector, tail](std::span<const std::uint8_t> bytes) {
+            if (collector) collector->appendData(bytes);
+            if (tail) tail->append(bytes);
+        },
+        [tail] {
+            if (tail) tail->end();
+        });
+    if (!drained && tail) tail->end();
+    return tail;
+}
+
+// A waited child that failed: its output as the error's message, when it
+// wrote any in UTF-8.
+pid_t failedExit(const std::string& path, const std::shared_ptr<OutputTail>& tail, MaybeError* error) {
+    const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
+    if (output.empty()) {
+        *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                         formatString("Cannot successfully run executable at path %s", path.c_str()));
+    } else {
+        // Output that is not UTF-8 has no text form: the error then carries
+        // the code's description alone.
+        *error = errorWithKorvoErrorCode(kCodeLaunching,
+                                         isValidUTF8(output) ? std::optional<std::string>(output) : std::nullopt);
+    }
+    return -1;
+}
+
 // The launch shared by the runner's two entries, once the program's file is
 // open and checked (executable invalid: the check failed).
 pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd executable,
@@ -113,14 +199,11 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
                  const std::optional<Environment>& additionalEnvironment,
                  std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error,
                  const std::optional<std::string>& standardInputText) {
+    constexpr const char* kCouldNotExecute = "Executable '%s' could not be executed successfully.";
     if (!executable) {
-        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", path.c_str());
-        if (error) {
-            *error = errorWithKorvoErrorCode(kCodeInvalidSignature,
-                                             formatString("Cannot verify signature of executable at path %s",
-                                                          path.c_str()));
-        }
-        return -1;
+        return failLaunch(error, kCodeInvalidSignature,
+                          formatString("Cannot verify signature of executable at path %s", path.c_str()),
+                          "Cannot verify signature of executable at path '%s'.", path);
     }
 
     ChildProcess::Options options;
@@ -132,115 +215,40 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
         for (const auto& [key, value] : *additionalEnvironment) environment[key] = value;
         options.environment = std::move(environment);
     }
+    if (arguments) options.arguments = *arguments;
 
-    int pipeEnds[2];
-    if (::pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
-        if (error) {
-            *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                             formatString("Cannot find executable at path %s", path.c_str()));
-        }
-        return -1;
+    ChildStreams streams;
+    if (const auto problem = streams.open(tool, comPort, standardInputText)) {
+        if (!problem->empty()) return failLaunch(error, kCodeLaunching, *problem, nullptr, path);
+        return failLaunch(error, kCodeLaunching, formatString("Cannot find executable at path %s", path.c_str()),
+                          kCouldNotExecute, path);
     }
-    UniqueFd readEnd(pipeEnds[0]);
-    UniqueFd writeEnd(pipeEnds[1]);
-
-    UniqueFd comSocket;
-    if (comPort != 0) {
-        comSocket.reset(tool.openSocketOnPort(comPort));
-        if (!comSocket) {
-            if (error) {
-                *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                                 std::string("Could not open the VPN process communication socket."));
-            }
-            return -1;
-        }
-        options.standardInput = comSocket.get();
-        options.standardOutput = comSocket.get();
-        options.standardError = comSocket.get();
-    } else {
-        options.standardOutput = writeEnd.get();
-        options.standardError = writeEnd.get();
-    }
-
-    // Text for the child's standard input (a secret that must not show in
-    // its arguments): a pipe that holds it whole and then ends.
-    UniqueFd inputEnd;
-    if (standardInputText) {
-        inputEnd = pipeHolding(*standardInputText);
-        if (!inputEnd) {
-            if (error) {
-                *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                                 formatString("Cannot find executable at path %s", path.c_str()));
-            }
-            return -1;
-        }
-        options.standardInput = inputEnd.get();
-    }
+    streams.assignTo(options);
 
     std::shared_ptr<CSCapturedProcessOutput> collector;
     if (capturedOutput && comPort == 0) {
         collector = std::make_shared<CSCapturedProcessOutput>();
         *capturedOutput = collector;
     }
-    if (arguments) options.arguments = *arguments;
 
     int launchError = 0;
     const auto child = ChildProcess::launch(options, &launchError);
-    // The child has its own copies now; the helper keeps neither the com
-    // socket (so the client sees the end when the child goes) nor the
-    // pipe's writing end (so the pipe ends when the child does).
-    comSocket.reset();
-    writeEnd.reset();
-    inputEnd.reset();
+    streams.releaseChildEnds();
     executable.reset();
     if (!child) {
-        logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
-        if (error) {
-            *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                             formatString("Cannot find executable at path %s", path.c_str()));
-        }
-        return -1;
+        return failLaunch(error, kCodeLaunching, formatString("Cannot find executable at path %s", path.c_str()),
+                          kCouldNotExecute, path);
     }
-
-    // The pipe is always drained, so that a child writing more than the pipe
-    // holds never stalls, whether anyone keeps its output or not.
     std::shared_ptr<OutputTail> tail;
-    if (comPort == 0) {
-        if (waitUntilExit && error) tail = std::make_shared<OutputTail>();
-        const bool drained = ProcessWatcher::shared().watchOutput(
-            std::move(readEnd),
-            [collector, tail](std::span<const std::uint8_t> bytes) {
-                if (collector) collector->appendData(bytes);
-                if (tail) tail->append(bytes);
-            },
-            [tail] {
-                if (tail) tail->end();
-            });
-        if (!drained && tail) tail->end();
-    }
+    if (comPort == 0) tail = drainOutput(std::move(streams.outputRead), waitUntilExit && error, collector);
 
     if (!waitUntilExit) {
         tool.startedProcesses().recordStart(child->pid(), path);
         return child->pid();
     }
-
-    const int status = child->waitUntilExit();
-    if (status == 0) return child->pid();
-
-    logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", path.c_str());
-    if (!error) return child->pid();
-    const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
-    if (!output.empty()) {
-        // Output that is not UTF-8 has no text form: the error then carries
-        // the code's description alone.
-        *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                         isValidUTF8(output) ? std::optional<std::string>(output) : std::nullopt);
-    } else {
-        *error = errorWithKorvoErrorCode(kCodeLaunching,
-                                         formatString("Cannot successfully run executable at path %s", path.c_str()));
-    }
-    return -1;
+    if (child->waitUntilExit() == 0) return child->pid();
+    logMessage(LOG_ERR, kCouldNotExecute, path.c_str());
+    return error ? failedExit(path, tail, error) : child->pid();
 }
 
 }  // namespace
