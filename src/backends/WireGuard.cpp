@@ -36,6 +36,63 @@ constexpr mode_t kRuntimeConfigurationMode = 0600;
 
 const char* describe(const std::optional<std::string>& text) { return text ? text->c_str() : "(null)"; }
 
+// What the connect request takes from the client's configuration.
+struct TunnelConfiguration {
+    std::string text;
+    std::string interfaceName;
+    std::vector<std::string> addresses;
+};
+
+Result<TunnelConfiguration> readTunnelConfiguration(const std::string& configPath, const char* display) {
+    const Result<std::string> config = readUTF8File(configPath);
+    if (!config) return config.error();
+    if (config->empty()) {
+        return errorWithKorvoErrorCode(kGeneralErrorCode, formatString("Could not parse %s configuration file.", display));
+    }
+    const std::optional<std::string> interfaceName = wireGuardInterfaceNameFromConfig(*config);
+    if (!interfaceName) {
+        return errorWithKorvoErrorCode(kInvalidParameterCode,
+                                       formatString("%s interface name is missing in configuration.", display));
+    }
+    // The name becomes the program's argument and part of its control
+    // socket's path.
+    if (!isUsableInterfaceName(*interfaceName)) {
+        return errorWithKorvoErrorCode(kInvalidParameterCode,
+                                       formatString("%s interface name is not valid in configuration.", display));
+    }
+    return TunnelConfiguration{*config, *interfaceName, wireGuardAddressesFromConfig(*config)};
+}
+
+// Once the program's control socket is there: the runtime configuration
+// through the control program, the link up, the addresses. The runtime
+// configuration is written where only root can reach it: the client could
+// swap a file in its own temporary directory between the write and the
+// control program's read.
+MaybeError configureTunnel(KorvoHelperTool& tool, const std::string& controlPath, const TunnelConfiguration& tunnel,
+                           const std::string& connectionName, pid_t pid) {
+    if (!tool.services().storeArea) {
+        return errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory."));
+    }
+    auto directory = ConnectionDirectory::create(*tool.services().storeArea, connectionName);
+    if (!directory) return directory.error();
+    const std::string runtime = wireGuardRuntimeConfiguration(tunnel.text);
+    auto runtimePath = directory->writeFile(randomUUIDString() + ".conf", bytesOf(runtime), kRuntimeConfigurationMode);
+    if (!runtimePath) return runtimePath.error();
+    MaybeError setconfError;
+    tool.runServiceAtPath(controlPath, std::vector<std::string>{"setconf", tunnel.interfaceName, *runtimePath}, 0,
+                          true, &setconfError);
+    // The file holds the private key: it goes whatever the outcome.
+    removeFile(*runtimePath);
+    if (setconfError) return setconfError;
+
+    tool.startedProcesses().recordLink(pid, tunnel.interfaceName);
+    if (auto upError = wireGuardBringInterfaceUp(tool, tunnel.interfaceName)) return upError;
+    for (const std::string& address : tunnel.addresses) {
+        if (auto addressError = wireGuardConfigureAddress(tool, tunnel.interfaceName, address)) return addressError;
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 void KorvoHelperTool::connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
@@ -87,24 +144,9 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
         if (auto error = setPosixPermissions(*path, kExecutableMode)) return fail(*error);
     }
 
-    const Result<std::string> config = readUTF8File(*configPath);
-    if (!config) return fail(config.error());
-    if (config->empty()) {
-        return fail(errorWithKorvoErrorCode(kGeneralErrorCode,
-                                            formatString("Could not parse %s configuration file.", display)));
-    }
-    const std::optional<std::string> interfaceName = wireGuardInterfaceNameFromConfig(*config);
-    if (!interfaceName) {
-        return fail(errorWithKorvoErrorCode(kInvalidParameterCode,
-                                            formatString("%s interface name is missing in configuration.", display)));
-    }
-    // The name becomes the program's argument and part of its control
-    // socket's path.
-    if (!isUsableInterfaceName(*interfaceName)) {
-        return fail(errorWithKorvoErrorCode(kInvalidParameterCode,
-                                            formatString("%s interface name is not valid in configuration.", display)));
-    }
-    const std::vector<std::string> addresses = wireGuardAddressesFromConfig(*config);
+    const Result<TunnelConfiguration> tunnel = readTunnelConfiguration(*configPath, display);
+    if (!tunnel) return fail(tunnel.error());
+    const std::optional<std::string> interfaceName = tunnel->interfaceName;
 
     // Kept in the foreground, the program's process identifier is the
     // tunnel's for as long as the tunnel lives.
@@ -128,30 +170,7 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
         return finish(waitError);
     }
 
-    // The runtime configuration is written where only root can reach it:
-    // the client could swap a file in its own temporary directory between
-    // the write and the control program's read.
-    if (!services().storeArea) {
-        return finish(errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory.")));
-    }
-    auto directory = ConnectionDirectory::create(*services().storeArea, connectionNameForConfigPath(configPath));
-    if (!directory) return finish(directory.error());
-    const std::string runtime = wireGuardRuntimeConfiguration(*config);
-    auto runtimePath = directory->writeFile(randomUUIDString() + ".conf", bytesOf(runtime), kRuntimeConfigurationMode);
-    if (!runtimePath) return finish(runtimePath.error());
-    MaybeError setconfError;
-    runServiceAtPath(*controlPath, std::vector<std::string>{"setconf", *interfaceName, *runtimePath}, 0, true,
-                     &setconfError);
-    // The file holds the private key: it goes whatever the outcome.
-    removeFile(*runtimePath);
-    if (setconfError) return finish(setconfError);
-
-    startedProcesses().recordLink(pid, *interfaceName);
-    if (auto upError = wireGuardBringInterfaceUp(*this, *interfaceName)) return finish(upError);
-    for (const std::string& address : addresses) {
-        if (auto addressError = wireGuardConfigureAddress(*this, *interfaceName, address)) return finish(addressError);
-    }
-    finish(std::nullopt);
+    finish(configureTunnel(*this, *controlPath, *tunnel, connectionNameForConfigPath(configPath), pid));
 }
 
 }  // namespace korvo
