@@ -136,22 +136,22 @@ protected:
     KorvoHelperTool tool{servicesWith(interfaces)};
 };
 
-TEST_F(WireGuardAddressTest, IPv4AddressesAreHostAddressesOnThePointToPointLink) {
-    EXPECT_THAT(
-        configure({"10.0.0.2/24", "10.0.0.3", " 10.0.0.4 /0", "10.0.0.5/99"}),
-        ElementsAre("inet utun7 10.0.0.2 10.0.0.2 255.255.255.255", "inet utun7 10.0.0.3 10.0.0.3 255.255.255.255",
-                    "inet utun7 10.0.0.4 10.0.0.4 255.255.255.255", "inet utun7 10.0.0.5 10.0.0.5 255.255.255.255"));
-}
-
-TEST_F(WireGuardAddressTest, IPv6AddressesKeepTheirPrefixWithinRange) {
-    EXPECT_THAT(configure({"fd00::2/64", "fd00::3", "fd00::4/ 48", "fd00::5/0", "fd00::6/129", "fd00::7/abc",
-                           "fd00::8/-5", "fd00::9/a/112", "fd00::a/56x"}),
-                ElementsAre("inet6 utun7 fd00::2/64",
-                            // written without a prefix: /32
-                            "inet6 utun7 fd00::3/32", "inet6 utun7 fd00::4/48", "inet6 utun7 fd00::5/128",
-                            "inet6 utun7 fd00::6/128", "inet6 utun7 fd00::7/128", "inet6 utun7 fd00::8/128",
-                            // the last piece is the prefix; digits up to the first other character
-                            "inet6 utun7 fd00::9/112", "inet6 utun7 fd00::a/56"));
+// IPv4: a host address on the point-to-point link, whatever the prefix.
+// IPv6: the prefix kept within range (none written: /32); the last piece is
+// the prefix, its digits up to the first other character.
+TEST_F(WireGuardAddressTest, EachFamilyGetsItsOwnAddressForm) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"10.0.0.2/24", "inet utun7 10.0.0.2 10.0.0.2 255.255.255.255"},
+        {"10.0.0.3", "inet utun7 10.0.0.3 10.0.0.3 255.255.255.255"},
+        {" 10.0.0.4 /0", "inet utun7 10.0.0.4 10.0.0.4 255.255.255.255"},
+        {"10.0.0.5/99", "inet utun7 10.0.0.5 10.0.0.5 255.255.255.255"},
+        {"fd00::2/64", "inet6 utun7 fd00::2/64"}, {"fd00::3", "inet6 utun7 fd00::3/32"},
+        {"fd00::4/ 48", "inet6 utun7 fd00::4/48"}, {"fd00::5/0", "inet6 utun7 fd00::5/128"},
+        {"fd00::6/129", "inet6 utun7 fd00::6/128"}, {"fd00::7/abc", "inet6 utun7 fd00::7/128"},
+        {"fd00::8/-5", "inet6 utun7 fd00::8/128"}, {"fd00::9/a/112", "inet6 utun7 fd00::9/112"},
+        {"fd00::a/56x", "inet6 utun7 fd00::a/56"},
+    };
+    for (const auto& [address, call] : cases) EXPECT_THAT(configure({address}), ElementsAre(call)) << address;
 }
 
 TEST_F(WireGuardAddressTest, EmptyHostsAreSkippedAndFailuresReturned) {

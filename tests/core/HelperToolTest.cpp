@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 
 #include "core/HelperTool.h"
 #include "core/Protocol.h"
@@ -14,7 +12,6 @@
 namespace korvo {
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
 // Says on standard error what the tool asks of it, so that death tests can
@@ -37,10 +34,7 @@ private:
 
 class HelperToolTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        fs::create_directories(dir / "Korvo.app/Contents/MacOS");
-    }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
     HelperServices servicesWithListener(bool failResume = false) {
         HelperServices services;
@@ -54,38 +48,9 @@ protected:
         return services;
     }
 
-    const test::TempDir tmp;
-    const fs::path dir = tmp.path();
     std::string listenerName;
     FakeListener* fakeListener = nullptr;
 };
-
-TEST_F(HelperToolTest, StartsWithItsDefaults) {
-    const char* savedTmpdir = std::getenv("TMPDIR");
-    const std::string saved = savedTmpdir ? savedTmpdir : "";
-
-    ::setenv("TMPDIR", "/var/tmp/korvo-test", 1);
-    HelperServices services;
-    services.locateApplicationBundle = [this] { return (dir / "Korvo.app").string(); };
-    {
-        KorvoHelperTool tool(services);
-        EXPECT_EQ(tool.tmpDirPath(), "/var/tmp/korvo-test/");
-        ASSERT_TRUE(tool.korvoBundle());
-        EXPECT_EQ(tool.korvoBundle()->bundlePath(), (dir / "Korvo.app").string());
-    }
-
-    ::unsetenv("TMPDIR");
-    services.locateApplicationBundle = [this] { return (dir / "missing.app").string(); };
-    {
-        KorvoHelperTool tool(services);
-        EXPECT_EQ(tool.tmpDirPath(), "/tmp/");
-        EXPECT_EQ(tool.korvoBundle(), std::nullopt);
-    }
-    services.locateApplicationBundle = [] { return std::nullopt; };
-    EXPECT_EQ(KorvoHelperTool(services).korvoBundle(), std::nullopt);
-
-    if (savedTmpdir) ::setenv("TMPDIR", saved.c_str(), 1);
-}
 
 // The order on standard error: the log line, then the reply, then exit 0.
 bool loggedThenReplied(const std::string& output) {

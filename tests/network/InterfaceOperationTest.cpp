@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "NetworkTestSupport.h"
+#include "support/TestSupport.h"
 #include "network/NetworkSystemOperations.h"
 #include "support/TestSupport.h"
 #include "util/FileSystem.h"
@@ -37,10 +37,10 @@ TEST(InterfaceOperations, MacErrorsForAnAbsentInterfaceAndNamesListedOnce) {
     }
     // A control socket that cannot be opened is a failure, whatever its errno.
     control->outcome = InterfaceFailure{InterfaceFailure::Step::OpenSocket, ENOENT, "why"};
-    EXPECT_EQ(korvo::testing::errorMessage(operations._deleteInterfaceIfPresent("utun9")),
+    EXPECT_EQ(korvo::test::errorMessage(operations._deleteInterfaceIfPresent("utun9")),
               "Could not open interface control socket: why");
     control->outcome = InterfaceFailure{InterfaceFailure::Step::WriteFlags, EPERM, "why"};
-    EXPECT_EQ(korvo::testing::errorMessage(operations._setInterfaceNamed("en7", false)),
+    EXPECT_EQ(korvo::test::errorMessage(operations._setInterfaceNamed("en7", false)),
               "Could not set interface en7 down: why");
 
     EXPECT_TRUE(operations._localEthernetInterfaceNames().empty());  // the list cannot be read

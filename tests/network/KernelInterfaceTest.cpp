@@ -6,26 +6,25 @@
 
 #include <algorithm>
 
-#include "NetworkTestSupport.h"
+#include "support/TestSupport.h"
 #include "network/NetworkSystemOperations.h"
 
 using namespace korvo;
-using korvo::testing::errorMessage;
-using korvo::testing::shell;
-using korvo::testing::shellOutput;
+using korvo::test::errorMessage;
+using korvo::test::shell;
 
 namespace {
 
 bool exists(const char* name) { return if_nametoindex(name) != 0; }
 bool isUp(const char* name) {
-    return shellOutput(std::string("ip -o link show dev ") + name + " | grep -c '[<,]UP[,>]'") == "1\n";
+    return shell(std::string("ip -o link show dev ") + name + " | grep -c '[<,]UP[,>]'").output == "1\n";
 }
 
 }  // namespace
 
 TEST(KernelInterfaces, TunAndTapDevicesAreDestroyedAndAbsentOnesTolerated) {
-    ASSERT_TRUE(shell("ip tuntap add mode tun name utun7 && ip tuntap add mode tap name tap0"
-                      " && ip tuntap add mode tun name korvotunnel1234"))
+    ASSERT_EQ(shell("ip tuntap add mode tun name utun7 && ip tuntap add mode tap name tap0"
+                      " && ip tuntap add mode tun name korvotunnel1234").exitStatus, 0)
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;
     EXPECT_FALSE(operations._deleteInterfaceIfPresent("utun7"));
@@ -44,8 +43,8 @@ TEST(KernelInterfaces, TunAndTapDevicesAreDestroyedAndAbsentOnesTolerated) {
 }
 
 TEST(KernelInterfaces, EthernetNamedInterfacesAreListedAndBroughtDownAndUp) {
-    ASSERT_TRUE(shell("ip link add en0 type veth peer name enx1 && ip link add bridge0 type bridge"
-                      " && ip tuntap add mode tun name utun3 && ip link add en0123456789abc type veth peer name peer0"))
+    ASSERT_EQ(shell("ip link add en0 type veth peer name enx1 && ip link add bridge0 type bridge"
+                      " && ip tuntap add mode tun name utun3 && ip link add en0123456789abc type veth peer name peer0").exitStatus, 0)
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;
     std::vector<std::string> names = operations._localEthernetInterfaceNames();

@@ -6,27 +6,26 @@
 #include <atomic>
 #include <thread>
 
-#include "NetworkTestSupport.h"
+#include "support/TestSupport.h"
 #include "network/NetworkSystemOperations.h"
 
 using namespace korvo;
-using korvo::testing::errorMessage;
-using korvo::testing::shell;
-using korvo::testing::shellOutput;
+using korvo::test::errorMessage;
+using korvo::test::shell;
 
 namespace {
 
 class KernelRoutes : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(shell("ip link add veth0 type veth peer name veth1 && ip link set veth0 up && ip link set veth1 up"
-                          " && ip addr add 192.0.2.1/24 dev veth0 && ip -6 addr add 2001:db8:1::1/64 dev veth0 nodad"))
+        ASSERT_EQ(shell("ip link add veth0 type veth peer name veth1 && ip link set veth0 up && ip link set veth1 up"
+                          " && ip addr add 192.0.2.1/24 dev veth0 && ip -6 addr add 2001:db8:1::1/64 dev veth0 nodad").exitStatus, 0)
             << "run this test through tests/support/isolated";
     }
     // Routes with the helper's protocol number (75), as ip prints them.
     static std::string helperRoutes(const char* family) {
-        return shellOutput(std::string("ip ") + family + " -o route show proto 75 | sed -e 's/ metric [0-9]*//'"
-                           " -e 's/ pref medium//' -e 's/ *$//'");
+        return shell(std::string("ip ") + family + " -o route show proto 75 | sed -e 's/ metric [0-9]*//'"
+                           " -e 's/ pref medium//' -e 's/ *$//'").output;
     }
     // The code and message of a failed operation.
     static std::string failure(const MaybeError& error) {
@@ -61,7 +60,7 @@ TEST_F(KernelRoutes, GatewayRoutesAreAddedAndDeletedInBothFamilies) {
     EXPECT_FALSE(operations._applyRouteOperationAction("remove", "2001:db8:3::7", "2001:db8:1::2", true, ""));
     EXPECT_FALSE(remove("2001:db8:5::/64", "fe80::2%veth0", true));
     EXPECT_EQ(helperRoutes("-4") + helperRoutes("-6"), "");
-    EXPECT_NE(shellOutput("ip -o route").find("192.0.2.0/24 dev veth0"), std::string::npos);
+    EXPECT_NE(shell("ip -o route").output.find("192.0.2.0/24 dev veth0"), std::string::npos);
 }
 
 TEST_F(KernelRoutes, ExistingRoutesAreRefusedAndAbsentOnesDeleted) {
@@ -81,13 +80,13 @@ TEST_F(KernelRoutes, ExistingRoutesAreRefusedAndAbsentOnesDeleted) {
     }
     EXPECT_EQ(helperRoutes("-4") + helperRoutes("-6"), "");
     // A delete removes the route whoever added it.
-    ASSERT_TRUE(shell("ip route add 10.5.0.0/16 via 192.0.2.2 proto static"));
+    ASSERT_EQ(shell("ip route add 10.5.0.0/16 via 192.0.2.2 proto static").exitStatus, 0);
     EXPECT_FALSE(remove("10.5.0.0/16", "192.0.2.2"));
-    EXPECT_EQ(shellOutput("ip -o route show 10.5.0.0/16"), "");
+    EXPECT_EQ(shell("ip -o route show 10.5.0.0/16").output, "");
 }
 
 TEST_F(KernelRoutes, InterfaceRoutesOnATunDevice) {
-    ASSERT_TRUE(shell("ip tuntap add mode tun name utun5 && ip link set utun5 up"));
+    ASSERT_EQ(shell("ip tuntap add mode tun name utun5 && ip link set utun5 up").exitStatus, 0);
     EXPECT_FALSE(add("10.8.0.0/24", "", false, "utun5"));
     EXPECT_FALSE(add("10.9.1.1/16", "ignored", false, "utun5"));
     EXPECT_FALSE(add("172.20", "", false, "utun5"));
@@ -129,7 +128,7 @@ TEST_F(KernelRoutes, ThreadsSharingTheOperationsGetTheirOwnAnswers) {
         for (std::thread& thread : threads) thread.join();
     };
     work("add", false);
-    EXPECT_EQ(shellOutput("ip -o route show proto 75 | wc -l"), "800\n");
+    EXPECT_EQ(shell("ip -o route show proto 75 | wc -l").output, "800\n");
     work("add", true);
     work("delete", false);
     EXPECT_EQ(helperRoutes("-4"), "");

@@ -8,12 +8,12 @@
 #include <array>
 #include <limits>
 
-#include "NetworkTestSupport.h"
+#include "support/TestSupport.h"
 #include "network/GatewayRoute.h"
 #include "network/NetworkSystemOperations.h"
 
 using namespace korvo;
-using korvo::testing::errorMessage;
+using korvo::test::errorMessage;
 
 namespace {
 

@@ -1,10 +1,7 @@
 // The runner on a service object of its own, with a code-signing service
 // that answers what each test tells it.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,10 +9,7 @@
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <fstream>
-#include <map>
-#include <mutex>
 #include <thread>
 
 #include "core/ClientAcceptance.h"
@@ -62,18 +56,44 @@ protected:
 
 const auto messageOf = test::errorMessage;
 
-TEST_F(ServiceRunnerTest, MissingExecutableIsCode62) {
-    MaybeError error;
-    EXPECT_EQ(tool_->runServiceAtPath(std::nullopt, std::nullopt, 0, true, &error), -1);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, 62);
-    EXPECT_EQ(messageOf(error), "Cannot find executable at path (null)");
-
+// What failed and why, in the reply and the log: 62 for a program that is
+// not there, 68 for one that would not start or ended unsuccessfully (with
+// its output when it had any).
+TEST_F(ServiceRunnerTest, FailuresCarryTheirCodeMessageAndLogLine) {
     const std::string missing = dir_ + "/absent";
-    EXPECT_EQ(tool_->runServiceAtPath(missing, std::nullopt, 0, true, &error), -1);
-    EXPECT_EQ(error->code, 62);
-    EXPECT_EQ(messageOf(error), "Cannot find executable at path " + missing);
-    EXPECT_EQ(errorLines().back(), "Cannot find executable at path '" + missing + "'.");
+    const std::string data = dir_ + "/not-executable";
+    std::ofstream(data) << "data\n";
+    const std::string noisy = script("noisy", "echo 'to stdout'; echo 'to stderr' >&2; exit 3");
+    const std::string quiet = script("quiet", "exit 1");
+    const auto failed = [](const std::string& path) {
+        return "Executable '" + path + "' could not be executed successfully.";
+    };
+    const struct {
+        std::optional<std::string> path;
+        int code;
+        std::string message, logged;
+    } cases[] = {
+        {std::nullopt, 62, "Cannot find executable at path (null)", ""},
+        {missing, 62, "Cannot find executable at path " + missing, "Cannot find executable at path '" + missing + "'."},
+        {data, 68, "Cannot find executable at path " + data, failed(data)},
+        {noisy, 68, "to stdout\nto stderr\n", failed(noisy)},
+        {quiet, 68, "Cannot successfully run executable at path " + quiet, failed(quiet)},
+    };
+    for (const auto& c : cases) {
+        MaybeError error;
+        EXPECT_EQ(tool_->runServiceAtPath(c.path, std::nullopt, 0, true, &error), -1);
+        ASSERT_TRUE(error) << c.message;
+        EXPECT_EQ(error->code, c.code);
+        EXPECT_EQ(messageOf(error), c.message);
+        if (!c.logged.empty()) {
+            EXPECT_EQ(errorLines().back(), c.logged);
+        }
+    }
+    // Without an error reference the identifier comes back all the same.
+    EXPECT_GT(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, nullptr), 0);
+    MaybeError error;
+    EXPECT_GT(tool_->runServiceAtPath(script("fine", "echo ok"), std::nullopt, 0, true, &error), 0);
+    EXPECT_EQ(error, std::nullopt);
 }
 
 // Only a program that passes the check starts, and what was checked is what
@@ -122,39 +142,6 @@ TEST_F(ServiceRunnerTest, ComPortSocket) {
     UniqueFd socket(tool_->openSocketOnPort(listener.port()));
     EXPECT_TRUE(socket);
     EXPECT_TRUE(::fcntl(socket.get(), F_GETFD) & FD_CLOEXEC);
-}
-
-TEST_F(ServiceRunnerTest, FailedLaunchIsCode68) {
-    const std::string path = dir_ + "/not-executable";
-    std::ofstream(path) << "data\n";
-    MaybeError error;
-    EXPECT_EQ(tool_->runServiceAtPath(path, std::nullopt, 0, true, &error), -1);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, 68);
-    EXPECT_EQ(messageOf(error), "Cannot find executable at path " + path);
-    EXPECT_EQ(errorLines().back(), "Executable '" + path + "' could not be executed successfully.");
-}
-
-TEST_F(ServiceRunnerTest, FailingExitBecomesAnErrorWithTheChildsOutput) {
-    const std::string noisy = script("noisy", "echo 'to stdout'; echo 'to stderr' >&2; exit 3");
-    MaybeError error;
-    EXPECT_EQ(tool_->runServiceAtPath(noisy, std::nullopt, 0, true, &error), -1);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, 68);
-    EXPECT_EQ(messageOf(error), "to stdout\nto stderr\n");
-    EXPECT_EQ(errorLines().back(), "Executable '" + noisy + "' could not be executed successfully.");
-
-    const std::string quiet = script("quiet", "exit 1");
-    EXPECT_EQ(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, &error), -1);
-    EXPECT_EQ(messageOf(error), "Cannot successfully run executable at path " + quiet);
-
-    // Without an error reference the identifier comes back all the same.
-    EXPECT_GT(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, nullptr), 0);
-
-    const std::string fine = script("fine", "echo ok");
-    error.reset();
-    EXPECT_GT(tool_->runServiceAtPath(fine, std::nullopt, 0, true, &error), 0);
-    EXPECT_EQ(error, std::nullopt);
 }
 
 TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
@@ -225,26 +212,16 @@ TEST_F(ServiceRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {
         std::snprintf(line, sizeof line, "%09d\n", i);
         expected += line;
     }
-    const auto waitForText = [&] {
-        for (int i = 0; i < 200 && captured->capturedText() != expected.substr(10000 - 4096, 4095); ++i) {
-            std::this_thread::sleep_for(10ms);
-        }
-        return captured->capturedText();
-    };
-    EXPECT_EQ(waitForText(), expected.substr(10000 - 4096, 4095));
+    EXPECT_TRUE(test::eventually([&] { return captured->capturedText() == expected.substr(10000 - 4096, 4095); }))
+        << captured->capturedText().value_or("(none)");
 
     // 32 MB with nobody waiting: the child still finishes promptly.
     const std::string flood = script("flood", "head -c 32000000 /dev/zero | tr '\\0' 'z'");
     captured.reset();
     const pid_t pid = tool_->runServiceAtPath(flood, std::nullopt, 0, false, std::nullopt, &captured, &error);
     ASSERT_GT(pid, 0);
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (processExists(pid) && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
-    EXPECT_FALSE(processExists(pid));
-    for (int i = 0; i < 200 && captured->capturedText() != std::string(4096, 'z'); ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_EQ(captured->capturedText(), std::string(4096, 'z'));
+    EXPECT_TRUE(test::eventually([&] { return !processExists(pid); }, 20s));
+    EXPECT_TRUE(test::eventually([&] { return captured->capturedText() == std::string(4096, 'z'); }));
 
     // A waited child that fails after a flood: the wait returns and the
     // error holds the output's end.
@@ -260,8 +237,7 @@ TEST_F(ServiceRunnerTest, KillProcessWithID) {
     const pid_t pid = tool_->runServiceAtPath(path, std::nullopt, 0, false, &error);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(tool_->killProcessWithID(pid, SIGTERM));
-    for (int i = 0; i < 500 && processExists(pid); ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_FALSE(processExists(pid));
+    EXPECT_TRUE(test::eventually([&] { return !processExists(pid); }));
     // Gone already: success without sending anything.
     EXPECT_TRUE(tool_->killProcessWithID(pid, SIGTERM));
     // Identifiers that name groups or every process are never signalled
