@@ -16,6 +16,7 @@
 #include "util/CharacterSets.h"
 #include "util/DataAdditions.h"
 #include "util/FileSystem.h"
+#include "util/Log.h"
 #include "util/Format.h"
 #include "util/UniqueFd.h"
 
@@ -23,6 +24,7 @@ namespace korvo {
 
 namespace {
 
+constexpr std::int64_t kHelperProblemCode = 55;
 constexpr std::int64_t kLaunchingCode = 68;
 
 // OpenSSL's default provider and the legacy one (old ciphers and digests
@@ -204,6 +206,26 @@ Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& director
     if (check.refusal) return errorWithKorvoErrorCode(kLaunchingCode, *check.refusal);
     const std::string text = adjust ? adjust(std::move(check.text)) : std::move(check.text);
     return directory.writeFile(fileName, bytesOf(text), 0600);
+}
+
+Result<ConnectionCopies> prepareConnectionCopies(const HelperServices& services, ConfiguredProgram program,
+                                                 const std::string& connectionName, const std::string& configPath,
+                                                 const std::string& programPath, std::string_view programName,
+                                                 mode_t mode, bool allowSystemScript,
+                                                 const std::function<std::string(std::string)>& adjust) {
+    if (!services.storeArea || !services.codeSigning) {
+        return errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory."));
+    }
+    auto directory = ConnectionDirectory::create(*services.storeArea, connectionName);
+    if (!directory) return directory.error();
+    auto configuration = copyCheckedConfiguration(*directory, program, configPath, "config", adjust);
+    if (!configuration) return configuration.error();
+    auto copy = copyVendorProgram(*services.codeSigning, *directory, programPath, programName, mode, allowSystemScript);
+    if (!copy) {
+        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", programPath.c_str());
+        return copy.error();
+    }
+    return ConnectionCopies{*configuration, *copy};
 }
 
 }  // namespace korvo

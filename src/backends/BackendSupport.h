@@ -10,6 +10,7 @@
 #include "backends/ConfigurationPolicy.h"
 #include "backends/ConnectionDirectory.h"
 #include "core/Error.h"
+#include "core/HelperTool.h"
 #include "platform/CodeSigning.h"
 
 namespace korvo {
@@ -63,6 +64,23 @@ Result<std::string> copyVendorProgram(platform::CodeSigning& signing, const Conn
 Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& directory, ConfiguredProgram program,
                                              const std::string& source, std::string_view fileName,
                                              const std::function<std::string(std::string)>& adjust = {});
+
+// What a connection's program reads, copied into its own directory: the
+// checked configuration, and a program or script (the askpass program, the
+// connection script) kept under copyVendorProgram's rule.
+struct ConnectionCopies {
+    std::string configuration;
+    std::string program;
+};
+
+// Makes the connection's directory and both copies. Errors: code 55 without
+// a store area, the configuration's read error or refusal (code 68), and a
+// refused program (code 69, logged as such).
+Result<ConnectionCopies> prepareConnectionCopies(const HelperServices& services, ConfiguredProgram program,
+                                                 const std::string& connectionName, const std::string& configPath,
+                                                 const std::string& programPath, std::string_view programName,
+                                                 mode_t mode, bool allowSystemScript,
+                                                 const std::function<std::string(std::string)>& adjust = {});
 
 // A string argument as logs show it: nil as "(null)".
 std::string displayText(const std::optional<std::string>& text);

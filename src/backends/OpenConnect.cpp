@@ -31,48 +31,33 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
         return;
     }
 
-    if (!services().storeArea || !services().codeSigning) {
-        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
-        return;
-    }
     // openconnect reads copies that the client can no longer change: the
     // configuration checked against openconnect's allow-list (the
     // "background" option is dropped from the copy: the started process must
     // stay the tunnel's), and the script only when it is the vendor's or the
     // system's vpnc-script.
-    auto directory = ConnectionDirectory::create(*services().storeArea, connectionNameForConfigPath(configPath));
-    if (!directory) {
-        reply(directory.error(), -1);
-        return;
-    }
     bool removed = false;
-    auto configCopy = copyCheckedConfiguration(*directory, ConfiguredProgram::OpenConnect, config, "config",
-                                               [&removed](std::string text) {
-                                                   return configTextByRemovingBackgroundOption(text, &removed);
-                                               });
-    if (!configCopy) {
-        reply(configCopy.error(), -1);
+    const auto copies = prepareConnectionCopies(
+        services(), ConfiguredProgram::OpenConnect, connectionNameForConfigPath(configPath), config, scriptPath,
+        "openconnect-script", 0700, true,
+        [&removed](std::string text) { return configTextByRemovingBackgroundOption(text, &removed); });
+    if (!copies) {
+        reply(copies.error(), -1);
         return;
     }
     if (removed) {
         logMessage(LOG_NOTICE, "Removed daemonizing background option from OpenConnect configuration at path '%s'.",
                    config.c_str());
     }
-    auto script = copyVendorProgram(*services().codeSigning, *directory, scriptPath, "openconnect-script", 0700, true);
-    if (!script) {
-        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", scriptPath.c_str());
-        reply(script.error(), -1);
-        return;
-    }
 
     std::vector<std::string> arguments = {
-        "--config=" + *configCopy,
+        "--config=" + copies->configuration,
         // The session cookie comes on standard input, never in the
         // arguments, which every local user can read.
         "--cookie-on-stdin",
         // openconnect hands the script to /bin/sh -c: the path is one
         // quoted word, whatever characters the client put in its names.
-        "--script=" + shellQuoted(*script),
+        "--script=" + shellQuoted(copies->program),
         "--servercert=" + hash.value_or(std::string()),
         "--os=mac-intel",
     };

@@ -68,29 +68,15 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     // configuration checked against ssh's allow-list, and the askpass
     // program, root's and 0755, only when it is the vendor's. Neither the
     // client's askpass nor the run directory is opened up to everyone.
-    if (!services().storeArea || !services().codeSigning) {
-        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
-        return;
-    }
     const std::string connectionName = connectionNameForConfigPath(configPath);
-    auto directory = ConnectionDirectory::create(*services().storeArea, connectionName);
-    if (!directory) {
-        reply(directory.error(), -1);
+    const auto copies = prepareConnectionCopies(services(), ConfiguredProgram::SSH, connectionName,
+                                                configPath.value_or(std::string()), askpassPath, "ssh_askpass_korvo",
+                                                0755, false);
+    if (!copies) {
+        reply(copies.error(), -1);
         return;
     }
-    auto config =
-        copyCheckedConfiguration(*directory, ConfiguredProgram::SSH, configPath.value_or(std::string()), "config");
-    if (!config) {
-        reply(config.error(), -1);
-        return;
-    }
-    arguments[3] = *config;
-    auto askpass = copyVendorProgram(*services().codeSigning, *directory, askpassPath, "ssh_askpass_korvo", 0755, false);
-    if (!askpass) {
-        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", askpassPath.c_str());
-        reply(askpass.error(), -1);
-        return;
-    }
+    arguments[3] = copies->configuration;
     const UniqueFd ssh = openSystemToolForLaunch(SystemTool::SSH);
     if (!ssh) {
         logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", kSSHPath);
@@ -104,7 +90,7 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     options.executableDescriptor = ssh.get();
     options.arguments = std::move(arguments);
     options.workingDirectory = tmpDirPath();
-    options.environment = environmentWith({{"SSH_ASKPASS", *askpass},
+    options.environment = environmentWith({{"SSH_ASKPASS", copies->program},
                                            {"DISPLAY", ":0"},
                                            {"CS_UNIQUE_IDENTIFIER", connectionName}});
     // Without a com port socket ssh keeps the helper's own streams.

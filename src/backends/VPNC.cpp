@@ -22,33 +22,20 @@ void KorvoHelperTool::connectVPNCWithConfig(const std::optional<std::string>& co
         reply(errorWithKorvoErrorCode(62, formatString("vpnc script file not found at %s", scriptPath.c_str())), -1);
         return;
     }
-    if (!services().storeArea || !services().codeSigning) {
-        reply(errorWithKorvoErrorCode(55, std::string("The helper has no run directory.")), -1);
-        return;
-    }
     // vpnc reads copies that the client can no longer change: the
     // configuration checked against vpnc's allow-list, and the script only
     // when it is the vendor's or the system's vpnc-script.
-    auto directory = ConnectionDirectory::create(*services().storeArea, connectionName);
-    if (!directory) {
-        reply(directory.error(), -1);
-        return;
-    }
-    auto config = copyCheckedConfiguration(*directory, ConfiguredProgram::VPNC, configPath.value_or(std::string()),
-                                           "config");
-    if (!config) {
-        reply(config.error(), -1);
-        return;
-    }
-    auto script = copyVendorProgram(*services().codeSigning, *directory, scriptPath, "vpnc-script", 0700, true);
-    if (!script) {
-        logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", scriptPath.c_str());
-        reply(script.error(), -1);
+    const auto copies = prepareConnectionCopies(services(), ConfiguredProgram::VPNC, connectionName,
+                                                configPath.value_or(std::string()), scriptPath, "vpnc-script", 0700,
+                                                true);
+    if (!copies) {
+        reply(copies.error(), -1);
         return;
     }
 
     const std::vector<std::string> arguments = {
-        "--debug", vpnDebugLoggingEnabled() ? "3" : "1", *config, "--script", *script, "--local-port", "0",
+        "--debug", vpnDebugLoggingEnabled() ? "3" : "1", copies->configuration, "--script", copies->program,
+        "--local-port", "0",
     };
 
     const std::string executable = auxiliaryExecutablePath(bundle, "vpnc");
