@@ -9,6 +9,7 @@
 
 #include "util/SerialQueue.h"
 #include "util/WorkerPool.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -110,9 +111,7 @@ TEST(WorkerPoolTest, BoundsItsThreadsAndRetiresIdleOnes) {
     EXPECT_EQ(peak, 3);
     EXPECT_LE(pool.threadCount(), 3u);
 
-    const auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (pool.threadCount() > 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(pool.threadCount(), 0u);
+    EXPECT_TRUE(test::eventually([&] { return pool.threadCount() == 0; })) << pool.threadCount();
 
     // Work submitted after the threads retired still runs.
     std::promise<void> ran;

@@ -17,6 +17,7 @@
 #include "KorvoClient.h"
 #include "platform/linux/DbusListener.h"
 #include "support/HelperFixture.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
@@ -156,15 +157,6 @@ protected:
     }
 
     std::unique_ptr<KorvoClient> client() { return std::make_unique<KorvoClient>(bus.busAddress()); }
-
-    bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-        const auto deadline = Clock::now() + timeout;
-        while (!condition()) {
-            if (Clock::now() > deadline) return false;
-            std::this_thread::sleep_for(10ms);
-        }
-        return true;
-    }
 
     void TearDown() override {
         listener.reset();
@@ -344,7 +336,7 @@ TEST_F(DbusListenerTest, JudgesEachClientOnceAndForgetsItWhenItLeaves) {
 
     refused.reset();
     accepted.reset();
-    EXPECT_TRUE(waitFor([&] { return listener->clientCount() == 0; }));
+    EXPECT_TRUE(test::eventually([&] { return listener->clientCount() == 0; }, 5s));
 
     auto again = client();
     EXPECT_FALSE(again->call("note", {}).busError);
@@ -361,12 +353,12 @@ TEST_F(DbusListenerTest, SurvivesAClientThatLeavesMidRequest) {
 
     auto other = client();
     EXPECT_EQ(other->call("echo", {{"text", "still here"}}).reply.at("result"), Value("still here"));
-    EXPECT_TRUE(waitFor([&] {
+    EXPECT_TRUE(test::eventually([&] {
         std::lock_guard lock(delegate.mutex);
         return delegate.intervals.size() == 1;
-    }));
+    }, 5s));
     other.reset();
-    EXPECT_TRUE(waitFor([&] { return listener->clientCount() == 0; }));
+    EXPECT_TRUE(test::eventually([&] { return listener->clientCount() == 0; }, 5s));
 }
 
 // One client floods the listener: its backlog is bounded (the excess is
@@ -391,7 +383,7 @@ TEST_F(DbusListenerTest, AFloodingClientIsBoundedAndDelaysNobodyElse) {
         EXPECT_LT(Clock::now() - t0, 200ms);
     }
 
-    EXPECT_TRUE(waitFor([&] { return !flood->call("note", {}).busError; }));
+    EXPECT_TRUE(test::eventually([&] { return !flood->call("note", {}).busError; }, 5s));
     EXPECT_GE(delegate.notes, 62);
     EXPECT_LE(delegate.notes, 68);
 }
@@ -411,7 +403,7 @@ TEST_F(DbusListenerTest, AClientBeingJudgedHasOnlyAFewSmallRequestsHeld) {
     auto outcome = judged->call("echo", {{"text", large}});
     ASSERT_TRUE(outcome.busError);
     EXPECT_EQ(outcome.busError->name, "org.freedesktop.DBus.Error.LimitsExceeded");
-    EXPECT_TRUE(waitFor([&] { return delegate.notes == 4; }));
+    EXPECT_TRUE(test::eventually([&] { return delegate.notes == 4; }, 5s));
     EXPECT_EQ(judged->call("echo", {{"text", large}}).reply.at("result").asString()->size(), large.size());
 
     // Two clients wait in line with 1.5 MiB each; a third one's 1 MiB would

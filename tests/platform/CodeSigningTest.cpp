@@ -249,10 +249,7 @@ TEST_F(ClientAcceptanceTest, TheCheckStaysWithTheProcessThatWasLookedUp) {
     EXPECT_EQ(signing.checkValidity(*guest, *requirement), status::kSuccess);
     writeBytes(trigger, {});
     const std::string exe = "/proc/" + std::to_string(execing.pid()) + "/exe";
-    for (int i = 0; i < 500 && fs::read_symlink(exe) != kSmallProgram; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_EQ(fs::read_symlink(exe), kSmallProgram);
+    ASSERT_TRUE(eventually([&] { return fs::read_symlink(exe) == kSmallProgram; }, std::chrono::seconds(5)));
     EXPECT_EQ(signing.checkValidity(*guest, *requirement), status::kGuestInvalid);
 }
 

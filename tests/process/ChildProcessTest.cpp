@@ -47,15 +47,6 @@ ChildProcess::Options shell(const std::string& script) {
     return options;
 }
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return condition();
-}
-
 TEST(ChildProcessTest, ReportsExitStatusAndTerminatingSignal) {
     int error = 0;
     auto exits = ChildProcess::launch(shell("exit 7"), &error);
@@ -172,13 +163,13 @@ TEST(ChildProcessTest, ChildrenNobodyWaitsForAreReapedAndNeverSeenAlive) {
         ASSERT_TRUE(child);
         pids.push_back(child->pid());
     }  // every ChildProcess object is gone already
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(test::eventually([&] {
         for (pid_t pid : pids) {
             if (processExists(pid)) return false;
         }
         return true;
-    }));
-    EXPECT_TRUE(eventually([] { return test::zombieChildrenOf(::getpid()).empty(); }));
+    }, 5s));
+    EXPECT_TRUE(test::eventually([] { return test::zombieChildrenOf(::getpid()).empty(); }, 5s));
 }
 
 TEST(ChildProcessTest, ExitedChildIsNotAliveEvenBeforeItIsReaped) {
