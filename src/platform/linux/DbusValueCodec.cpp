@@ -21,6 +21,75 @@ char peek(sdbus::Message& m, std::string& contents) {
     return type.empty() ? '\0' : type[0];
 }
 
+std::optional<Value> readItem(sdbus::Message& m);
+
+// The items up to the end of the open container; nullopt when one of them
+// has no Value form (all are consumed).
+std::optional<Array> readItems(sdbus::Message& m) {
+    Array items;
+    bool complete = true;
+    std::string ignored;
+    while (peek(m, ignored) != '\0') {
+        auto item = readItem(m);
+        if (item) items.push_back(std::move(*item)); else complete = false;
+    }
+    return complete ? std::optional<Array>(std::move(items)) : std::nullopt;
+}
+
+// An array of bytes: data.
+Value readBytes(sdbus::Message& m) {
+    m.enterContainer("y");
+    Data bytes;
+    std::string ignored;
+    while (peek(m, ignored) != '\0') {
+        std::uint8_t b;
+        m >> b;
+        bytes.push_back(b);
+    }
+    m.exitContainer();
+    return Value(std::move(bytes));
+}
+
+// A dictionary (contents "{KV}"): only string keys have a Value form.
+std::optional<Value> readDictionaryItem(sdbus::Message& m, const std::string& contents) {
+    const bool stringKeys = contents.size() > 1 && (contents[1] == 's' || contents[1] == 'o' || contents[1] == 'g');
+    const std::string entrySignature = contents.substr(1, contents.size() - 2);
+    m.enterContainer(contents);
+    Dictionary entries;
+    bool complete = true;
+    std::string ignored;
+    while (peek(m, ignored) != '\0') {
+        m.enterDictEntry(entrySignature);
+        auto key = readItem(m);
+        auto value = readItem(m);
+        m.exitDictEntry();
+        if (!stringKeys || !key || !value) {
+            complete = false;
+            continue;
+        }
+        entries[*key->asString()] = std::move(*value);
+    }
+    m.exitContainer();
+    if (!complete) return std::nullopt;
+    return Value(std::move(entries));
+}
+
+std::optional<Value> readContainerItem(sdbus::Message& m, char type, const std::string& contents) {
+    if (type == 'v') {
+        m.enterVariant(contents);
+        auto inner = readItem(m);
+        m.exitVariant();
+        return inner;
+    }
+    if (type == 'a' && contents == "y") return readBytes(m);
+    if (type == 'a' && !contents.empty() && contents[0] == '{') return readDictionaryItem(m, contents);
+    if (type == 'r') m.enterStruct(contents); else m.enterContainer(contents);
+    auto items = readItems(m);
+    if (type == 'r') m.exitStruct(); else m.exitContainer();
+    if (!items) return std::nullopt;
+    return Value(std::move(*items));
+}
+
 // Reads the next item. nullopt when it has no Value form; the item is
 // consumed either way so that reading can go on after it.
 std::optional<Value> readItem(sdbus::Message& m) {
@@ -45,70 +114,10 @@ std::optional<Value> readItem(sdbus::Message& m) {
         case 'o': { sdbus::ObjectPath v; m >> v; return Value(std::string(v)); }
         case 'g': { sdbus::Signature v; m >> v; return Value(std::string(v)); }
         case 'h': { sdbus::UnixFd v; m >> v; return std::nullopt; }  // closed again at once
-        case 'v': {
-            m.enterVariant(contents);
-            auto inner = readItem(m);
-            m.exitVariant();
-            return inner;
-        }
-        case 'r': {
-            m.enterStruct(contents);
-            Array items;
-            bool complete = true;
-            std::string ignored;
-            while (peek(m, ignored) != '\0') {
-                auto item = readItem(m);
-                if (item) items.push_back(std::move(*item)); else complete = false;
-            }
-            m.exitStruct();
-            if (!complete) return std::nullopt;
-            return Value(std::move(items));
-        }
-        case 'a': {
-            if (contents == "y") {
-                m.enterContainer(contents);
-                Data bytes;
-                std::string ignored;
-                while (peek(m, ignored) != '\0') {
-                    std::uint8_t b;
-                    m >> b;
-                    bytes.push_back(b);
-                }
-                m.exitContainer();
-                return Value(std::move(bytes));
-            }
-            m.enterContainer(contents);
-            bool complete = true;
-            std::string ignored;
-            if (!contents.empty() && contents[0] == '{') {
-                const bool stringKeys = contents.size() > 1 && (contents[1] == 's' || contents[1] == 'o' ||
-                                                                contents[1] == 'g');
-                Dictionary entries;
-                const std::string entrySignature = contents.substr(1, contents.size() - 2);
-                while (peek(m, ignored) != '\0') {
-                    m.enterDictEntry(entrySignature);
-                    auto key = readItem(m);
-                    auto value = readItem(m);
-                    m.exitDictEntry();
-                    if (!stringKeys || !key || !value) {
-                        complete = false;
-                        continue;
-                    }
-                    entries[*key->asString()] = std::move(*value);
-                }
-                m.exitContainer();
-                if (!complete) return std::nullopt;
-                return Value(std::move(entries));
-            }
-            Array items;
-            while (peek(m, ignored) != '\0') {
-                auto item = readItem(m);
-                if (item) items.push_back(std::move(*item)); else complete = false;
-            }
-            m.exitContainer();
-            if (!complete) return std::nullopt;
-            return Value(std::move(items));
-        }
+        case 'v':
+        case 'r':
+        case 'a':
+            return readContainerItem(m, type, contents);
         default:
             throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs",
                                std::string("Unexpected D-Bus type '") + type + "'");
