@@ -2,34 +2,14 @@
 // compiled into the helper.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "SigningTestSupport.h"
 #include "platform/linux/CodeSigningLinux.h"
 
 namespace korvo::test {
 namespace {
 
-struct ToolRun {
-    int exitStatus = -1;
-    std::string output;
-};
-
-ToolRun run(const std::string& arguments) {
-    const std::string command = std::string(KORVO_CODESIGN_TOOL_PATH) + " " + arguments + " 2>&1";
-    ToolRun r;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) {
-        return r;
-    }
-    char buffer[4096];
-    while (const std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
-        r.output.append(buffer, n);
-    }
-    const int status = ::pclose(pipe);
-    r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
-}
+// korvo-codesign with the arguments; its exit status and everything it wrote.
+ShellResult run(const std::string& arguments) { return shell(std::string(KORVO_CODESIGN_TOOL_PATH) + " " + arguments); }
 
 std::string signArguments(const TestSigner& signer, const std::string& identifier, const std::string& file) {
     return "sign --identifier '" + identifier + "' --certificate " + signer.certificate + " --chain " + signer.chain +
@@ -43,7 +23,7 @@ TEST(KorvoCodesignTool, SignsVerifiesAndDisplays) {
 
     EXPECT_EQ(run("verify --anchors " KORVO_TEST_ANCHORS " " + program).exitStatus, 1);
     ASSERT_EQ(run(signArguments(kTeamSigner, kClientIdentifier, program)).exitStatus, 0);
-    const ToolRun verified = run("verify --anchors " KORVO_TEST_ANCHORS " " + program);
+    const ShellResult verified = run("verify --anchors " KORVO_TEST_ANCHORS " " + program);
     EXPECT_EQ(verified.exitStatus, 0) << verified.output;
     EXPECT_EQ(run("verify --anchors " KORVO_TEST_OTHER_ANCHORS " " + program).exitStatus, 1);
     EXPECT_EQ(run("verify --anchors " KORVO_TEST_ANCHORS " --requirement '" + std::string(kClientRequirement) +
@@ -54,7 +34,7 @@ TEST(KorvoCodesignTool, SignsVerifiesAndDisplays) {
               1);
     EXPECT_EQ(std::system(program.c_str()), 0) << "a signed program still runs";
 
-    const ToolRun display = run("display " + program);
+    const ShellResult display = run("display " + program);
     EXPECT_EQ(display.exitStatus, 0);
     EXPECT_NE(display.output.find("Identifier=com.tallowmar.Korvo\n"), std::string::npos) << display.output;
     EXPECT_NE(display.output.find("SignerOU=" KORVO_TEST_TEAM_OU "\n"), std::string::npos) << display.output;
@@ -62,7 +42,7 @@ TEST(KorvoCodesignTool, SignsVerifiesAndDisplays) {
 
     // Re-signed by another team: the new block replaces the old one.
     ASSERT_EQ(run(signArguments(kOtherTeamSigner, "com.example.other", program)).exitStatus, 0);
-    const ToolRun again = run("display " + program);
+    const ShellResult again = run("display " + program);
     EXPECT_NE(again.output.find("Identifier=com.example.other\n"), std::string::npos) << again.output;
     EXPECT_NE(again.output.find("SignerOU=" KORVO_TEST_OTHER_TEAM_OU "\n"), std::string::npos) << again.output;
     EXPECT_EQ(again.output.find(KORVO_TEST_TEAM_OU), std::string::npos) << again.output;
