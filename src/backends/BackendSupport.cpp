@@ -24,8 +24,6 @@ namespace korvo {
 
 namespace {
 
-constexpr std::int64_t kHelperProblemCode = 55;
-constexpr std::int64_t kLaunchingCode = 68;
 
 // OpenSSL's default provider and the legacy one (old ciphers and digests
 // that some VPN servers still use).

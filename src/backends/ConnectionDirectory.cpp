@@ -17,8 +17,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kHelperProblemCode = 55;
-constexpr std::int64_t kInvalidSignatureCode = 69;
 constexpr std::size_t kLongestDirectoryName = 64;
 
 KorvoError connectionProblem(const std::string& path, const char* what) {

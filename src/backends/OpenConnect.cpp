@@ -26,7 +26,7 @@ void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::stri
     const std::string scriptPath =
         appendPathComponent(tmpDir, connectionNameForConfigPath(configPath) + "-openconnect-script.sh");
     if (!fileExists(scriptPath)) {
-        reply(errorWithKorvoErrorCode(62, formatString("openconnect script file not found at %s", scriptPath.c_str())),
+        reply(errorWithKorvoErrorCode(kRequiredFileMissingCode, formatString("openconnect script file not found at %s", scriptPath.c_str())),
               -1);
         return;
     }

@@ -17,7 +17,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kHelperProblemCode = 55;
 constexpr std::size_t kManagementPasswordBytes = 32;
 constexpr auto kPidFileWait = std::chrono::seconds(2);
 

@@ -54,13 +54,13 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     arguments.push_back(host.value_or(std::string()));
 
     if (!fileExists(kSSHPath)) {
-        reply(errorWithKorvoErrorCode(62, formatString("SSH binary not found at %s", kSSHPath)), -1);
+        reply(errorWithKorvoErrorCode(kRequiredFileMissingCode, formatString("SSH binary not found at %s", kSSHPath)), -1);
         return;
     }
     const std::string askpassPath = auxiliaryExecutablePath(bundle, "ssh_askpass_korvo");
     if (askpassPath.empty() || !fileExists(askpassPath)) {
         reply(errorWithKorvoErrorCode(
-                  62, formatString("SSH askpass file not found at %s", askpassPath.empty() ? "(null)" : askpassPath.c_str())),
+                  kRequiredFileMissingCode, formatString("SSH askpass file not found at %s", askpassPath.empty() ? "(null)" : askpassPath.c_str())),
               -1);
         return;
     }
@@ -80,7 +80,7 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     const UniqueFd ssh = openSystemToolForLaunch(SystemTool::SSH);
     if (!ssh) {
         logMessage(LOG_ERR, "Cannot verify signature of executable at path '%s'.", kSSHPath);
-        reply(errorWithKorvoErrorCode(69, formatString("Cannot verify signature of executable at path %s", kSSHPath)),
+        reply(errorWithKorvoErrorCode(kInvalidSignatureCode, formatString("Cannot verify signature of executable at path %s", kSSHPath)),
               -1);
         return;
     }
@@ -102,7 +102,7 @@ void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& con
     const auto child = ChildProcess::launch(options, &launchError);
     if (!child) {
         logMessage(LOG_ERR, "Executable '%s' could not be executed successfully.", kSSHPath);
-        reply(errorWithKorvoErrorCode(68, formatString("Cannot find executable at path %s", kSSHPath)), -1);
+        reply(errorWithKorvoErrorCode(kLaunchingCode, formatString("Cannot find executable at path %s", kSSHPath)), -1);
         return;
     }
     startedProcesses().recordStart(child->pid(), kSSHPath);

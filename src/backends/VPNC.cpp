@@ -19,7 +19,7 @@ void KorvoHelperTool::connectVPNCWithConfig(const std::optional<std::string>& co
     const std::string connectionName = connectionNameForConfigPath(configPath);
     const std::string scriptPath = appendPathComponent(tmpDir, connectionName + "-vpnc-script.sh");
     if (!fileExists(scriptPath)) {
-        reply(errorWithKorvoErrorCode(62, formatString("vpnc script file not found at %s", scriptPath.c_str())), -1);
+        reply(errorWithKorvoErrorCode(kRequiredFileMissingCode, formatString("vpnc script file not found at %s", scriptPath.c_str())), -1);
         return;
     }
     // vpnc reads copies that the client can no longer change: the

@@ -26,10 +26,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kGeneralErrorCode = 1;
-constexpr std::int64_t kHelperProblemCode = 55;
-constexpr std::int64_t kMissingFileCode = 62;
-constexpr std::int64_t kInvalidParameterCode = 64;
 constexpr mode_t kExecutableMode = 0755;
 // The runtime configuration holds the private key.
 constexpr mode_t kRuntimeConfigurationMode = 0600;
@@ -125,18 +121,18 @@ void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std:
 
     if (!configPath || !fileExists(*configPath)) {
         return fail(errorWithKorvoErrorCode(
-            kMissingFileCode, formatString("WireGuard config file not found at %s", describe(configPath))));
+            kRequiredFileMissingCode, formatString("WireGuard config file not found at %s", describe(configPath))));
     }
 
     const auto userspacePath = bundle ? bundle->pathForAuxiliaryExecutable(userspaceExecutableName) : std::nullopt;
     if (!userspacePath) {
         return fail(errorWithKorvoErrorCode(
-            kMissingFileCode, formatString("%s launcher executable '%s' not found in app bundle.", display,
+            kRequiredFileMissingCode, formatString("%s launcher executable '%s' not found in app bundle.", display,
                                            userspaceExecutableName.c_str())));
     }
     const auto controlPath = bundle ? bundle->pathForAuxiliaryExecutable(controlExecutableName) : std::nullopt;
     if (!controlPath) {
-        return fail(errorWithKorvoErrorCode(kMissingFileCode,
+        return fail(errorWithKorvoErrorCode(kRequiredFileMissingCode,
                                             formatString("%s control executable '%s' not found in app bundle.", display,
                                                          controlExecutableName.c_str())));
     }

@@ -18,7 +18,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kHelperProblemCode = 55;
 constexpr std::chrono::milliseconds kControlSocketTimeout{5000};
 constexpr std::chrono::milliseconds kControlSocketPollInterval{100};
 

@@ -23,6 +23,21 @@ inline constexpr std::string_view FilePathErrorKey = "NSFilePath";
 // The vendor's knowledge-base page, quoted by the description of code 54.
 inline constexpr std::string_view KorvoKnowledgeBaseURL = "https://www.tallowmar.com/korvo/kb";
 
+// The codes of the helper's own domain that its requests give, by name.
+enum KorvoErrorCode : std::int64_t {
+    kGeneralErrorCode = 1,
+    kHelperProblemCode = 55,
+    kRequiredFileMissingCode = 62,
+    kInvalidParameterCode = 64,
+    kProcessTerminationCode = 65,
+    kRoutingErrorCode = 66,
+    kKnownHostsErrorCode = 67,
+    kLaunchingCode = 68,  // also every interface failure
+    kInvalidSignatureCode = 69,
+    kScriptFailureCode = 70,
+    kResetLeftVPNProcessCode = 74,
+};
+
 // An error as the client receives it: domain, code and user information.
 // userInfo is nullopt when the error carries none at all.
 struct KorvoError {

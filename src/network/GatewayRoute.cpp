@@ -15,7 +15,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kInvalidParameterCode = 64;
 
 KorvoError invalidParameter(std::string_view prefix, std::string_view value) {
     return errorWithKorvoErrorCode(kInvalidParameterCode, std::string(prefix) + std::string(value) + "'.");

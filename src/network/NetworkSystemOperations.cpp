@@ -9,11 +9,9 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kInvalidParameterCode = 64;
-constexpr std::int64_t kInterfaceErrorCode = 68;
 constexpr std::int64_t kFileReadNoSuchFileCode = 260;
 
-KorvoError interfaceError(const std::string& message) { return errorWithKorvoErrorCode(kInterfaceErrorCode, message); }
+KorvoError interfaceError(const std::string& message) { return errorWithKorvoErrorCode(kLaunchingCode, message); }
 
 // The failure of opening the control socket reads the same for every call.
 std::optional<KorvoError> socketFailure(const platform::InterfaceFailure& failure) {

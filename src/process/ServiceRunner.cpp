@@ -32,9 +32,6 @@ namespace korvo {
 
 namespace {
 
-constexpr std::int64_t kCodeRequiredFileMissing = 62;
-constexpr std::int64_t kCodeLaunching = 68;
-constexpr std::int64_t kCodeInvalidSignature = 69;
 
 // What a waited-for child wrote, for the error of a failing exit. Only the
 // tail is kept, so a runaway child cannot fill the helper's memory.
@@ -86,7 +83,7 @@ std::map<std::string, std::string> helperEnvironment() {
 pid_t refuseMissingExecutable(const std::string& shownPath, MaybeError* error) {
     logMessage(LOG_ERR, "Cannot find executable at path '%s'.", shownPath.c_str());
     if (error) {
-        *error = errorWithKorvoErrorCode(kCodeRequiredFileMissing,
+        *error = errorWithKorvoErrorCode(kRequiredFileMissingCode,
                                          formatString("Cannot find executable at path %s", shownPath.c_str()));
     }
     return -1;
@@ -181,12 +178,12 @@ std::shared_ptr<OutputTail> drainOutput(UniqueFd readEnd, bool keepTail,
 pid_t failedExit(const std::string& path, const std::shared_ptr<OutputTail>& tail, MaybeError* error) {
     const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
     if (output.empty()) {
-        *error = errorWithKorvoErrorCode(kCodeLaunching,
+        *error = errorWithKorvoErrorCode(kLaunchingCode,
                                          formatString("Cannot successfully run executable at path %s", path.c_str()));
     } else {
         // Output that is not UTF-8 has no text form: the error then carries
         // the code's description alone.
-        *error = errorWithKorvoErrorCode(kCodeLaunching,
+        *error = errorWithKorvoErrorCode(kLaunchingCode,
                                          isValidUTF8(output) ? std::optional<std::string>(output) : std::nullopt);
     }
     return -1;
@@ -201,7 +198,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
                  const std::optional<std::string>& standardInputText) {
     constexpr const char* kCouldNotExecute = "Executable '%s' could not be executed successfully.";
     if (!executable) {
-        return failLaunch(error, kCodeInvalidSignature,
+        return failLaunch(error, kInvalidSignatureCode,
                           formatString("Cannot verify signature of executable at path %s", path.c_str()),
                           "Cannot verify signature of executable at path '%s'.", path);
     }
@@ -219,8 +216,8 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
 
     ChildStreams streams;
     if (const auto problem = streams.open(tool, comPort, standardInputText)) {
-        if (!problem->empty()) return failLaunch(error, kCodeLaunching, *problem, nullptr, path);
-        return failLaunch(error, kCodeLaunching, formatString("Cannot find executable at path %s", path.c_str()),
+        if (!problem->empty()) return failLaunch(error, kLaunchingCode, *problem, nullptr, path);
+        return failLaunch(error, kLaunchingCode, formatString("Cannot find executable at path %s", path.c_str()),
                           kCouldNotExecute, path);
     }
     streams.assignTo(options);
@@ -236,7 +233,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
     streams.releaseChildEnds();
     executable.reset();
     if (!child) {
-        return failLaunch(error, kCodeLaunching, formatString("Cannot find executable at path %s", path.c_str()),
+        return failLaunch(error, kLaunchingCode, formatString("Cannot find executable at path %s", path.c_str()),
                           kCouldNotExecute, path);
     }
     std::shared_ptr<OutputTail> tail;

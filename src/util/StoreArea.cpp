@@ -15,7 +15,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::int64_t kHelperProblemCode = 55;
 constexpr StoreDirectory kAllDirectories[] = {StoreDirectory::NetworkTransactions, StoreDirectory::DynamicStore,
                                               StoreDirectory::StartedProcesses, StoreDirectory::Connections};
 

@@ -184,7 +184,8 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLe
         "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", "10.79.0.2:10.79.0.2"},
                                          {"credentials", "c"}, {"hash", "h"}, {"comPort", comPort.port()}});
     ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply);
-    EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"));
+    EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"))
+        << comPort.text();
     EXPECT_EQ(shell("cat /var/run/Korvo/connections/Plain/config").output, text);
     EXPECT_THAT(helper_.helperLog(), ::testing::Not(HasSubstr("Removed daemonizing background option")));
 }

@@ -427,10 +427,16 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 std::vector<std::string> commandLineOf(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
-    std::vector<std::string> argv;
-    for (std::string arg; std::getline(in, arg, '\0');) argv.push_back(arg);
-    return argv;
+    // A child started with vfork semantics lets its parent go on while the
+    // kernel still builds its arguments: an empty line is read again.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+        std::vector<std::string> argv;
+        for (std::string arg; std::getline(in, arg, '\0');) argv.push_back(arg);
+        if (!argv.empty() || ::kill(pid, 0) != 0) return argv;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return {};
 }
 
 bool waitUntilGone(pid_t pid, std::chrono::milliseconds timeout) {

@@ -22,7 +22,6 @@ namespace {
 
 using darwin::RouteReply;
 
-constexpr std::int64_t kRoutingErrorCode = 66;
 constexpr double kRouteCommandTimeoutSeconds = 10.0;
 constexpr const char* kRouteCommandPath = "/sbin/route";
 // A reply the kernel never sends would otherwise block the request forever.

@@ -22,7 +22,6 @@ namespace {
 using linux_netlink::NetlinkSocket;
 using linux_netlink::NetlinkStatus;
 
-constexpr std::int64_t kRoutingErrorCode = 66;
 
 KorvoError routeError(const std::string& message) { return errorWithKorvoErrorCode(kRoutingErrorCode, message); }
 

@@ -22,9 +22,8 @@ namespace {
 using linux_netlink::NetlinkSocket;
 using linux_netlink::NetlinkStatus;
 
-constexpr std::int64_t kInterfaceErrorCode = 68;
 
-KorvoError interfaceError(const std::string& message) { return errorWithKorvoErrorCode(kInterfaceErrorCode, message); }
+KorvoError interfaceError(const std::string& message) { return errorWithKorvoErrorCode(kLaunchingCode, message); }
 
 // The request's socket and the interface's index, or the error that stops it.
 struct Target {
