@@ -6,7 +6,7 @@
 #include "backends/BackendSupport.h"
 #include "core/HelperTool.h"
 #include "process/ChildProcess.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"

@@ -21,7 +21,7 @@
 #include "core/Error.h"
 #include "platform/CodeSigning.h"
 #include "process/Executables.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "process/StartedProcesses.h"
 #include "util/StoreArea.h"
 #include "util/Value.h"

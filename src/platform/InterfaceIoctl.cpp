@@ -10,22 +10,9 @@
 #include <cstring>
 #include <memory>
 
+#include "util/UniqueFd.h"
+
 namespace korvo::platform {
-namespace {
-
-class SocketCloser {
-public:
-    explicit SocketCloser(int fd) : fd_(fd) {}
-    ~SocketCloser() { ::close(fd_); }
-    SocketCloser(const SocketCloser&) = delete;
-    SocketCloser& operator=(const SocketCloser&) = delete;
-
-private:
-    int fd_;
-};
-
-}  // namespace
-
 std::string interfaceRequestName(std::string_view name) {
     const std::string_view cut = name.substr(0, IFNAMSIZ - 1);
     // A name with an embedded NUL ends there, as the C string would.
@@ -40,7 +27,7 @@ InterfaceOutcome setInterfaceUpFlag(const std::string& name, bool up) {
     // SOCK_CLOEXEC does not exist on macOS.
     const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0) return interfaceFailure(InterfaceFailure::Step::OpenSocket, errno);
-    const SocketCloser closer(fd);
+    const UniqueFd closer(fd);
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
 
     ifreq request{};

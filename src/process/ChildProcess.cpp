@@ -21,7 +21,7 @@
 #include <unordered_map>
 
 #include "process/ProcessWatcher.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 extern char** environ;
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace korvo {
 

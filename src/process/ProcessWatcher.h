@@ -10,7 +10,7 @@
 #include <memory>
 #include <span>
 
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace korvo {
 

@@ -20,7 +20,7 @@
 #include "process/ChildProcess.h"
 #include "process/ProcessProbe.h"
 #include "process/ProcessWatcher.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"

@@ -9,19 +9,10 @@
 #include <memory>
 
 #include "util/Format.h"
+#include "util/UniqueFd.h"
 #include "util/Utf8.h"
 
 namespace korvo {
-namespace {
-
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd >= 0) ::close(fd);
-    }
-};
-
-}  // namespace
 
 bool fileExists(const std::string& path) {
     struct stat st {};
@@ -51,7 +42,7 @@ Result<Data> readFile(const std::string& path) {
     // no controlling terminal from a terminal device.
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) return fileSystemError(errno, FileOperation::Read, path);
-    FdCloser closer{fd};
+    const UniqueFd closer(fd);
     struct stat st {};
     if (::fstat(fd, &st) != 0) return fileSystemError(errno, FileOperation::Read, path);
     if (S_ISDIR(st.st_mode)) return fileSystemError(EISDIR, FileOperation::Read, path);
@@ -95,7 +86,7 @@ MaybeError writeFileAtomically(const std::string& path, std::span<const std::uin
     std::string tmpl = path + ".XXXXXX";
     const int fd = ::mkostemp(tmpl.data(), O_CLOEXEC);
     if (fd < 0) return fileSystemError(errno, FileOperation::Write, path);
-    FdCloser closer{fd};
+    const UniqueFd closer(fd);
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
@@ -132,7 +123,7 @@ MaybeError setPosixPermissions(const std::string& path, mode_t mode) {
     // planted as a link to a root-only file would open that file up.
     const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return fileSystemError(errno, FileOperation::SetAttributes, path);
-    FdCloser closer{fd};
+    const UniqueFd closer(fd);
     struct stat st {};
     if (::fstat(fd, &st) != 0) return fileSystemError(errno, FileOperation::SetAttributes, path);
     if (S_ISLNK(st.st_mode)) return fileSystemError(ELOOP, FileOperation::SetAttributes, path);

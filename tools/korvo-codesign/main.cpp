@@ -17,12 +17,13 @@
 #include "platform/linux/CodeSigningAnchors.h"
 #include "platform/linux/CodeSigningLinux.h"
 #include "platform/linux/SignatureVerifier.h"
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace {
 
 using namespace korvo::platform;
 using namespace korvo::platform::codesign;
+using korvo::UniqueFd;
 
 constexpr int kExitValid = 0;
 constexpr int kExitInvalid = 1;

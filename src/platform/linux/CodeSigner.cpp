@@ -13,7 +13,7 @@
 
 #include "platform/linux/OpenSslHandles.h"
 #include "platform/linux/SignatureBlock.h"
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/Format.h"
 
 namespace korvo::platform::codesign {

@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/Format.h"
 
 namespace korvo::platform {
@@ -22,7 +22,7 @@ using namespace codesign_status;
 // for the file it was running when it was looked up.
 class LinuxGuestCode final : public GuestCode {
 public:
-    LinuxGuestCode(pid_t pid, codesign::UniqueFd pidfd, codesign::UniqueFd exe, const struct stat& exeStat)
+    LinuxGuestCode(pid_t pid, UniqueFd pidfd, UniqueFd exe, const struct stat& exeStat)
         : pid_(pid), pidfd_(std::move(pidfd)), exe_(std::move(exe)), device_(exeStat.st_dev), inode_(exeStat.st_ino) {}
 
     pid_t pid() const override { return pid_; }
@@ -44,8 +44,8 @@ public:
 
 private:
     pid_t pid_;
-    codesign::UniqueFd pidfd_;
-    codesign::UniqueFd exe_;
+    UniqueFd pidfd_;
+    UniqueFd exe_;
     dev_t device_;
     ino_t inode_;
 };
@@ -145,7 +145,7 @@ CodeSignState LinuxCodeSigning::codeSignStateForExecutable(const std::string& pa
     if (path.empty()) {
         return CodeSignState::CouldNotCheck;
     }
-    const codesign::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid()) {
         return CodeSignState::CouldNotCheck;
     }
@@ -175,11 +175,11 @@ int LinuxCodeSigning::copyGuestWithPid(pid_t pid, std::unique_ptr<GuestCode>& gu
     }
     // The pidfd first: from here on, the process it names cannot be
     // replaced by another one under the same identifier unnoticed.
-    codesign::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     if (!pidfd.valid()) {
         return kNoSuchCode;
     }
-    codesign::UniqueFd exe(::open(formatString("/proc/%d/exe", pid).c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd exe(::open(formatString("/proc/%d/exe", pid).c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!exe.valid() || ::fstat(exe.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         return kNoSuchCode;

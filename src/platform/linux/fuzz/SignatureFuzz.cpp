@@ -10,7 +10,7 @@
 #include "platform/linux/CodeSigningAnchors.h"
 #include "platform/linux/RequirementParser.h"
 #include "platform/linux/SignatureVerifier.h"
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 using namespace korvo::platform::codesign;
 
