@@ -13,6 +13,7 @@
 #include "util/UniqueFd.h"
 
 using namespace korvo::platform::codesign;
+using korvo::UniqueFd;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const CodeSigningAnchors anchors = CodeSigningAnchors::compiledIn();
