@@ -76,12 +76,7 @@ Result<std::string> ConnectionDirectory::writeFile(std::string_view fileName, st
     const std::string name(fileName);
     UniqueFd fd(::openat(fd_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!fd || ::fchmod(fd.get(), mode) != 0) return fileSystemError(errno, FileOperation::Write, pathOf(name));
-    for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t n = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return fileSystemError(errno, FileOperation::Write, pathOf(name));
-        done += static_cast<std::size_t>(n);
-    }
+    if (!writeAll(fd.get(), bytes)) return fileSystemError(errno, FileOperation::Write, pathOf(name));
     return pathOf(name);
 }
 
@@ -116,7 +111,8 @@ Result<std::string> ConnectionDirectory::copyProgram(const std::string& source, 
         if (n < 0) return fileSystemError(errno, FileOperation::Read, source);
         if (n == 0) break;
         copied += static_cast<std::size_t>(n);
-        if (copied > kMaximumCopiedProgramSize || ::write(out.get(), buffer, static_cast<std::size_t>(n)) != n) {
+        if (copied > kMaximumCopiedProgramSize ||
+            !writeAll(out.get(), std::span(reinterpret_cast<const std::uint8_t*>(buffer), static_cast<std::size_t>(n)))) {
             ::unlinkat(fd_.get(), name.c_str(), 0);
             return refused();
         }

@@ -82,21 +82,29 @@ Result<std::string> readUTF8File(const std::string& path) {
     return text;
 }
 
+bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) {
+            errno = EIO;
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
 MaybeError writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode) {
     std::string tmpl = path + ".XXXXXX";
     const int fd = ::mkostemp(tmpl.data(), O_CLOEXEC);
     if (fd < 0) return fileSystemError(errno, FileOperation::Write, path);
     const UniqueFd closer(fd);
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            const int err = errno;
-            ::unlink(tmpl.c_str());
-            return fileSystemError(err, FileOperation::Write, path);
-        }
-        done += static_cast<size_t>(n);
+    if (!writeAll(fd, bytes)) {
+        const int err = errno;
+        ::unlink(tmpl.c_str());
+        return fileSystemError(err, FileOperation::Write, path);
     }
     if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0 || ::rename(tmpl.c_str(), path.c_str()) != 0) {
         const int err = errno;

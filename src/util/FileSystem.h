@@ -33,6 +33,10 @@ Result<std::string> readUTF8File(const std::string& path);
 MaybeError writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
 MaybeError writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
 
+// Writes all bytes to fd, going on after interruptions and partial writes;
+// false (errno set) on a failure.
+bool writeAll(int fd, std::span<const std::uint8_t> bytes);
+
 MaybeError removeFile(const std::string& path);
 // Changes the mode of the file at path itself: a symbolic link there is an
 // error, never followed.

@@ -93,12 +93,7 @@ Result<std::string> StoreArea::replaceSharedFile(std::string_view name, std::spa
     if (!fd || ::fchown(fd.get(), 0, clientGroup_.value_or(0)) != 0 || ::fchmod(fd.get(), mode) != 0) {
         return fileSystemError(errno, FileOperation::Write, path);
     }
-    for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t n = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return fileSystemError(errno, FileOperation::Write, path);
-        done += static_cast<std::size_t>(n);
-    }
+    if (!writeAll(fd.get(), bytes)) return fileSystemError(errno, FileOperation::Write, path);
     return path;
 }
 

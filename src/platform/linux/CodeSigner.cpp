@@ -14,6 +14,7 @@
 #include "platform/linux/OpenSslHandles.h"
 #include "platform/linux/SignatureBlock.h"
 #include "util/UniqueFd.h"
+#include "util/FileSystem.h"
 #include "util/Format.h"
 
 namespace korvo::platform::codesign {
@@ -33,20 +34,6 @@ BioPtr openPem(const std::string& path, std::string& error) {
     return bio;
 }
 
-bool writeFully(int fd, const std::uint8_t* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
 
 struct SigningIdentity {
     X509Ptr certificate;
@@ -119,7 +106,7 @@ std::optional<std::string> digestAndCopy(int in, int out, std::uint64_t length, 
                           : formatString("cannot read the file: %s", std::strerror(errno));
         }
         EVP_DigestUpdate(ctx.get(), buffer.data(), static_cast<std::size_t>(n));
-        if (!writeFully(out, buffer.data(), static_cast<std::size_t>(n))) {
+        if (!writeAll(out, std::span<const std::uint8_t>(buffer.data(), static_cast<std::size_t>(n)))) {
             return formatString("cannot write the signed file: %s", std::strerror(errno));
         }
         offset += static_cast<std::uint64_t>(n);
@@ -218,7 +205,7 @@ std::optional<std::string> signFile(const std::string& path, const SigningReques
         return error;
     }
     const std::vector<std::uint8_t> block = encodeSignatureBlock(codeDirectory, signature);
-    if (!writeFully(out.get(), block.data(), block.size())) {
+    if (!writeAll(out.get(), block)) {
         return errnoText("cannot write the signed copy of", path);
     }
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) {
