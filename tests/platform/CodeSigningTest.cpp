@@ -10,7 +10,7 @@
 #include "SigningTestSupport.h"
 #include "core/ClientAcceptance.h"
 #include "platform/linux/CodeSigningLinux.h"
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace korvo::test {
 namespace {
@@ -82,7 +82,7 @@ TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
     EXPECT_TRUE(fs::is_symlink(link));
     // The new block sits where the old one was, over the same code.
     EXPECT_LT(fs::file_size(program), onceSigned + 16);
-    const platform::codesign::UniqueFd fd(::open(program.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd fd(::open(program.c_str(), O_RDONLY | O_CLOEXEC));
     const auto description = platform::codesign::describeSignature(fd.get());
     EXPECT_EQ(description.directory.identifier, "com.tallowmar.second");
     EXPECT_EQ(description.directory.codeLength, fs::file_size(kSmallProgram));
@@ -110,7 +110,7 @@ TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
 // rule; that rule is for the helper's own system tools.
 TEST_F(CodeSigningTest, LaunchChecksJudgeTheOpenFile) {
     const auto launchStatus = [this](const std::string& path) {
-        const platform::codesign::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
         return signing.checkExecutable(fd.get(), KorvoProgramRequirement);
     };
     const std::string vendor = dir.file("vendor");
@@ -124,7 +124,7 @@ TEST_F(CodeSigningTest, LaunchChecksJudgeTheOpenFile) {
     EXPECT_EQ(launchStatus(otherCa), status::kRequirementFailed);
     EXPECT_EQ(launchStatus(kSmallProgram), status::kUnsigned);
 
-    const platform::codesign::UniqueFd system(::open(kSmallProgram, O_RDONLY | O_CLOEXEC));
+    const UniqueFd system(::open(kSmallProgram, O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(signing.codeSignStateForSystemExecutable(system.get()), CodeSignState::Valid);
 }
 
@@ -135,7 +135,7 @@ TEST_F(CodeSigningTest, AFileBeyondTheSizeBoundIsNotChecked) {
     signedCopy(kSmallProgram, valid, kClientIdentifier);
     const auto bytes = readBytes(valid);
     const std::string huge = dir.file("huge");
-    const platform::codesign::UniqueFd fd(::open(huge.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0755));
+    const UniqueFd fd(::open(huge.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0755));
     ASSERT_TRUE(fd.valid());
     const off_t end = off_t{4} << 30;
     ASSERT_EQ(::pwrite(fd.get(), bytes.data(), bytes.size(), end - static_cast<off_t>(bytes.size())),

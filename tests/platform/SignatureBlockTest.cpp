@@ -9,7 +9,7 @@
 #include "SigningTestSupport.h"
 #include "platform/linux/SignatureBlock.h"
 #include "platform/linux/SignatureVerifier.h"
-#include "platform/linux/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace korvo::test {
 namespace {
@@ -18,8 +18,8 @@ using platform::CodeSignState;
 using namespace platform::codesign;
 
 // A file in memory holding exactly the given bytes.
-platform::codesign::UniqueFd memoryFile(const std::vector<std::uint8_t>& bytes) {
-    platform::codesign::UniqueFd fd(::memfd_create("korvo-signature-test", MFD_CLOEXEC));
+UniqueFd memoryFile(const std::vector<std::uint8_t>& bytes) {
+    UniqueFd fd(::memfd_create("korvo-signature-test", MFD_CLOEXEC));
     EXPECT_TRUE(fd.valid());
     EXPECT_EQ(::write(fd.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     return fd;

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "process/ProcessProbe.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "support/TestSupport.h"
 
 namespace korvo {

@@ -16,7 +16,7 @@
 #include "core/HelperTool.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ProcessProbe.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/Log.h"
 #include "support/TestSupport.h"
 

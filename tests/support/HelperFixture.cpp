@@ -23,7 +23,7 @@
 
 #include "KorvoClient.h"
 #include "process/ChildProcess.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 
 namespace korvo::test {
 namespace {

@@ -21,7 +21,7 @@
 #include "core/Error.h"
 #include "platform/CodeSigning.h"
 #include "process/ChildProcess.h"
-#include "process/UniqueFd.h"
+#include "util/UniqueFd.h"
 #include "util/Value.h"
 
 namespace korvo::test {
