@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include "core/Bundle.h"
+#include "util/Bundle.h"
 #include "backends/ConfigurationPolicy.h"
 #include "backends/ConnectionDirectory.h"
-#include "core/Error.h"
+#include "util/Error.h"
 #include "core/HelperTool.h"
 #include "platform/CodeSigning.h"
 

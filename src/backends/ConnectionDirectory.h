@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "util/StoreArea.h"
 #include "util/UniqueFd.h"
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "core/Error.h"
+#include "util/Error.h"
 
 namespace korvo {
 

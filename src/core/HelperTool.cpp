@@ -1,4 +1,5 @@
 #include "core/HelperTool.h"
+#include "core/RequestHandlers.h"
 
 #include <unistd.h>
 
@@ -6,7 +7,7 @@
 #include <cstdlib>
 
 #include "core/ClientAcceptance.h"
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "util/Log.h"
 #include "util/SerialQueue.h"
@@ -52,10 +53,10 @@ public:
         return acceptance_.shouldAcceptClient(connection);
     }
 
-    const std::vector<OperationSpec>& exportedOperations() override { return helperOperations(); }
+    const std::vector<Operation>& exportedOperations() override { return helperOperations(); }
 
-    void performOperation(const OperationSpec& operation, const Dictionary& arguments, ReplySender reply) override {
-        operation.handler(tool_, arguments, std::move(reply));
+    void performOperation(const Operation& operation, const Dictionary& arguments, ReplySender reply) override {
+        (*requestHandler(operation.name))(tool_, arguments, std::move(reply));
     }
 
     void listenerDidFail(platform::ServiceListener&, const std::string& reason) override {

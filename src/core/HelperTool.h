@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "core/Bundle.h"
-#include "core/Error.h"
+#include "util/Bundle.h"
+#include "util/Error.h"
 #include "platform/CodeSigning.h"
 #include "process/Executables.h"
 #include "util/UniqueFd.h"

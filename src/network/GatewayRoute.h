@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "platform/RouteTable.h"
 
 namespace korvo {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "platform/InterfaceControl.h"
 #include "platform/RouteTable.h"
 

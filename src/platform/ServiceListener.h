@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/Error.h"
-#include "core/Protocol.h"
+#include "util/Error.h"
+#include "util/Protocol.h"
 #include "util/Value.h"
 
 namespace korvo::platform {
@@ -42,12 +42,12 @@ public:
     virtual bool shouldAcceptNewConnection(ServiceListener& listener, const ServiceConnection& connection) = 0;
 
     // The operations offered to accepted clients.
-    virtual const std::vector<OperationSpec>& exportedOperations() = 0;
+    virtual const std::vector<Operation>& exportedOperations() = 0;
 
     // Runs one request of an accepted client on its queue. The arguments have
     // the types the operation declares (absent keys are nil); reply must be
     // called exactly once, from any thread.
-    virtual void performOperation(const OperationSpec& operation, const Dictionary& arguments,
+    virtual void performOperation(const Operation& operation, const Dictionary& arguments,
                                   ReplySender reply) = 0;
 
     // The listener lost its connection to the platform's IPC service and

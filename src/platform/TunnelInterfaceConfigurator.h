@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "core/Error.h"
+#include "util/Error.h"
 
 namespace korvo {
 class KorvoHelperTool;

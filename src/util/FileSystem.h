@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/Error.h"
+#include "util/Error.h"
 
 namespace korvo {
 

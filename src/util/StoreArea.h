@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "util/UniqueFd.h"
 
 namespace korvo {

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "core/Error.h"
+#include "util/Error.h"
 
 using namespace korvo;
 

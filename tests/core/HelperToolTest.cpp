@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "core/HelperTool.h"
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "support/TestSupport.h"
 #include "util/Log.h"

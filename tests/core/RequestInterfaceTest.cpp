@@ -10,15 +10,16 @@
 
 #include "CommandLine.h"
 #include "InterfaceDocs.h"
-#include "core/Protocol.h"
-#include "core/ProtocolArguments.h"
+#include "util/Protocol.h"
+#include "util/ProtocolArguments.h"
+#include "core/RequestHandlers.h"
 
 namespace korvo {
 namespace {
 
 using ::testing::HasSubstr;
 
-const OperationSpec kProbe{"probe",
+const Operation kProbe{"probe",
                            {{"name", ArgumentType::String},
                             {"flag", ArgumentType::Boolean},
                             {"pid", ArgumentType::Int32},
@@ -27,8 +28,7 @@ const OperationSpec kProbe{"probe",
                             {"names", ArgumentType::StringArray},
                             {"lengths", ArgumentType::Int64Array},
                             {"payload", ArgumentType::Any}},
-                           ReplyShape::Pid,
-                           nullptr};
+                           ReplyShape::Pid};
 
 TEST(ProtocolArgumentsTest, AcceptsEveryDeclaredTypeAndAbsentKeys) {
     EXPECT_EQ(invalidArgumentMessage(kProbe, {}), std::nullopt);
@@ -111,7 +111,7 @@ TEST(InterfaceDocsTest, DocsMatchTheOperationTable) {
     std::set<std::string> names;
     for (const auto& op : helperOperations()) {
         EXPECT_TRUE(names.insert(op.name).second) << "duplicate operation " << op.name;
-        EXPECT_TRUE(op.handler) << op.name;
+        EXPECT_NE(requestHandler(op.name), nullptr) << op.name;
         EXPECT_EQ(findOperation(op.name), &op);
     }
 

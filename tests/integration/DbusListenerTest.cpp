@@ -30,10 +30,10 @@ constexpr const char* kService = "com.tallowmar.korvo.utility";
 constexpr const char* kInterface = "com.tallowmar.korvo.utility.KorvoHelperToolProtocol";
 constexpr const char* kPath = "/com/tallowmar/korvo/utility";
 
-std::vector<OperationSpec> testOperations() {
+std::vector<Operation> testOperations() {
     using T = ArgumentType;
     return {
-        {"slow", {{"label", T::String}, {"index", T::Int64}, {"delayMs", T::Int64}}, ReplyShape::Result, nullptr},
+        {"slow", {{"label", T::String}, {"index", T::Int64}, {"delayMs", T::Int64}}, ReplyShape::Result},
         {"echo",
          {{"text", T::String},
           {"count", T::Int64},
@@ -41,11 +41,10 @@ std::vector<OperationSpec> testOperations() {
           {"port", T::UInt64},
           {"flag", T::Boolean},
           {"names", T::StringArray}},
-         ReplyShape::Result,
-         nullptr},
-        {"note", {}, ReplyShape::None, nullptr},
-        {"silent", {}, ReplyShape::Error, nullptr},
-        {"twice", {}, ReplyShape::Error, nullptr},
+         ReplyShape::Result},
+        {"note", {}, ReplyShape::None},
+        {"silent", {}, ReplyShape::Error},
+        {"twice", {}, ReplyShape::Error},
     };
 }
 
@@ -64,9 +63,9 @@ public:
         return refused.count(c.name) == 0 && c.processIdentifier == ::getpid() && c.userIdentifier == ::getuid();
     }
 
-    const std::vector<OperationSpec>& exportedOperations() override { return operations; }
+    const std::vector<Operation>& exportedOperations() override { return operations; }
 
-    void performOperation(const OperationSpec& op, const Dictionary& args, ReplySender reply) override {
+    void performOperation(const Operation& op, const Dictionary& args, ReplySender reply) override {
         if (op.name == "slow") {
             Interval interval{*stringForKey(args, "label"), args.at("index").integerValue().value_or(0), Clock::now(), {}};
             std::this_thread::sleep_for(std::chrono::milliseconds(args.at("delayMs").integerValue().value_or(0)));
@@ -99,7 +98,7 @@ public:
         return acceptanceCalls[name];
     }
 
-    const std::vector<OperationSpec> operations = testOperations();
+    const std::vector<Operation> operations = testOperations();
     std::mutex mutex;
     std::set<std::string> refused;
     std::map<std::string, std::size_t> acceptanceCalls;

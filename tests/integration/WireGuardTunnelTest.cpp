@@ -16,7 +16,7 @@
 
 #include "TestBundle.h"
 #include "support/TestSupport.h"
-#include "core/Error.h"
+#include "util/Error.h"
 #include "support/HelperFixture.h"
 
 namespace korvo::test {

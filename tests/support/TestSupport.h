@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "platform/CodeSigning.h"
 #include "process/ChildProcess.h"
 #include "util/UniqueFd.h"

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <limits>
 
-#include "core/ProtocolArguments.h"
+#include "util/ProtocolArguments.h"
 #include "util/FileSystem.h"
 #include "util/PropertyList.h"
 
@@ -38,7 +38,7 @@ std::vector<std::string> splitList(const std::string& text) {
     return items;
 }
 
-std::optional<std::string> parseValue(const ArgumentSpec& argument, const std::string& text, Dictionary& arguments) {
+std::optional<std::string> parseValue(const Argument& argument, const std::string& text, Dictionary& arguments) {
     const std::string problem = "'" + argument.key + "' takes a " + argumentTypeDescription(argument.type) + ", not '" + text + "'";
     switch (argument.type) {
         case ArgumentType::String:
@@ -118,14 +118,14 @@ std::string placeholder(ArgumentType type) {
 
 }  // namespace
 
-std::optional<std::string> parseOperationArguments(const OperationSpec& operation,
+std::optional<std::string> parseOperationArguments(const Operation& operation,
                                                    const std::vector<std::string>& words, Dictionary& arguments) {
     for (const auto& word : words) {
         const auto equals = word.find('=');
         if (equals == std::string::npos) return "expected KEY=VALUE, not '" + word + "'";
         const std::string key = word.substr(0, equals);
         const auto argument = std::find_if(operation.arguments.begin(), operation.arguments.end(),
-                                       [&](const ArgumentSpec& s) { return s.key == key; });
+                                       [&](const Argument& s) { return s.key == key; });
         if (argument == operation.arguments.end()) {
             return operation.name + " has no argument '" + key + "'; usage: " + operationUsage(operation);
         }
@@ -134,7 +134,7 @@ std::optional<std::string> parseOperationArguments(const OperationSpec& operatio
     return std::nullopt;
 }
 
-std::string operationUsage(const OperationSpec& operation) {
+std::string operationUsage(const Operation& operation) {
     std::string usage = operation.name;
     for (const auto& argument : operation.arguments) usage += " " + argument.key + "=" + placeholder(argument.type);
     return usage;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "core/Error.h"
-#include "core/Protocol.h"
+#include "util/Error.h"
+#include "util/Protocol.h"
 #include "util/Value.h"
 
 namespace korvo::ctl {
@@ -18,11 +18,11 @@ namespace korvo::ctl {
 // a comma-separated list (KEY= gives an empty one, a repeated KEY appends);
 // a value of any type is @FILE, read as a property list, or else a string.
 // Returns a message for the user when a word is unusable.
-std::optional<std::string> parseOperationArguments(const OperationSpec& operation,
+std::optional<std::string> parseOperationArguments(const Operation& operation,
                                                    const std::vector<std::string>& words, Dictionary& arguments);
 
 // "setTmpDirPath path=STRING" and the like.
-std::string operationUsage(const OperationSpec& operation);
+std::string operationUsage(const Operation& operation);
 
 // One "key: value" line per reply entry besides "error".
 std::string formatReply(const Dictionary& reply);

@@ -1,7 +1,7 @@
 #include "InterfaceDocs.h"
 
 #include "core/HelperTool.h"
-#include "core/ProtocolArguments.h"
+#include "util/ProtocolArguments.h"
 #include "platform/linux/DbusListener.h"
 #include "platform/linux/DbusValueCodec.h"
 #include "util/FileSystem.h"
@@ -19,7 +19,7 @@ std::string replyDescription(ReplyShape shape) {
     return "";
 }
 
-std::string keysDescription(const OperationSpec& operation) {
+std::string keysDescription(const Operation& operation) {
     if (operation.arguments.empty()) return "none";
     std::string out;
     for (const auto& argument : operation.arguments) {
@@ -45,7 +45,7 @@ std::string xmlEscape(const std::string& text) {
 
 }  // namespace
 
-std::string busInterfaceMarkdown(const std::vector<OperationSpec>& operations) {
+std::string busInterfaceMarkdown(const std::vector<Operation>& operations) {
     const auto names = platform::BusServiceNames::forService(HelperServiceName);
     std::string md;
     md += "# The request interface on the system bus\n\n";
@@ -77,7 +77,7 @@ std::string busInterfaceMarkdown(const std::vector<OperationSpec>& operations) {
     return md;
 }
 
-std::string introspectionXml(const std::vector<OperationSpec>& operations) {
+std::string introspectionXml(const std::vector<Operation>& operations) {
     const auto names = platform::BusServiceNames::forService(HelperServiceName);
     std::string xml;
     xml += "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n";

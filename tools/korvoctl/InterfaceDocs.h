@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 
 namespace korvo::ctl {
 
 inline constexpr const char* BusInterfaceDocumentName = "bus-interface.md";
 inline constexpr const char* IntrospectionDocumentName = "com.tallowmar.korvo.utility.xml";
 
-std::string busInterfaceMarkdown(const std::vector<OperationSpec>& operations);
-std::string introspectionXml(const std::vector<OperationSpec>& operations);
+std::string busInterfaceMarkdown(const std::vector<Operation>& operations);
+std::string introspectionXml(const std::vector<Operation>& operations);
 
 // Writes both documents into directory; a message when that fails.
 std::optional<std::string> writeInterfaceDocs(const std::string& directory);

@@ -3,8 +3,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "core/HelperTool.h"
-#include "core/Protocol.h"
-#include "core/ProtocolArguments.h"
+#include "util/Protocol.h"
+#include "util/ProtocolArguments.h"
 #include "platform/linux/DbusListener.h"
 #include "platform/linux/DbusValueCodec.h"
 
@@ -36,7 +36,7 @@ CallOutcome KorvoClient::call(const std::string& operation, const Dictionary& ar
                               std::chrono::milliseconds timeout, bool expectReply) {
     if (auto error = connect()) return {{}, error};
     const auto names = platform::BusServiceNames::forService(HelperServiceName);
-    const OperationSpec* operationEntry = findOperation(operation);
+    const Operation* operationEntry = findOperation(operation);
     try {
         auto message = proxy_->createMethodCall(names.interfaceName, operation);
         platform::dbus::writeDictionary(message, arguments, operationEntry ? argumentTypes(*operationEntry) : decltype(argumentTypes(*operationEntry)){});

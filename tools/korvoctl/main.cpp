@@ -11,7 +11,7 @@
 #include "InterfaceDocs.h"
 #include "KorvoClient.h"
 #include "KorvoVersion.h"
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 
 namespace {
 
@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
-    const korvo::OperationSpec* operation = korvo::findOperation(args[i]);
+    const korvo::Operation* operation = korvo::findOperation(args[i]);
     if (operation == nullptr) {
         std::fprintf(stderr, "korvoctl: unknown operation '%s' (korvoctl --help lists them)\n", args[i].c_str());
         return kExitUsage;

@@ -13,7 +13,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/linux/DbusValueCodec.h"
-#include "core/ProtocolArguments.h"
+#include "util/ProtocolArguments.h"
 #include "util/Log.h"
 #include "util/SerialQueue.h"
 #include "util/WorkerPool.h"
@@ -77,7 +77,7 @@ struct DbusListener::Client {
 
     // A request received while the client is judged.
     struct Held {
-        const OperationSpec* operation;
+        const Operation* operation;
         std::shared_ptr<Call> call;
         std::size_t bytes;
     };
@@ -308,7 +308,7 @@ void DbusListener::flushOutgoing() {
     }
 }
 
-void DbusListener::receive(const OperationSpec& operation, sdbus::MethodCall message) {
+void DbusListener::receive(const Operation& operation, sdbus::MethodCall message) {
     if (invalidated_) return;  // the bus answers the caller once we are gone
     auto call = std::make_shared<Call>(Call{bus_, std::move(message)});
     const std::string name = call->message.getSender();
@@ -359,7 +359,7 @@ void DbusListener::receive(const OperationSpec& operation, sdbus::MethodCall mes
 }
 
 // Called by the bus thread alone, with the client's lock held.
-bool DbusListener::holdWhileJudged(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call,
+bool DbusListener::holdWhileJudged(Client& client, const Operation& operation, const std::shared_ptr<Call>& call,
                                    std::size_t bytes) {
     if (client.held.size() >= limits_.maximumPendingPerClient ||
         client.heldBytes + bytes > limits_.maximumPendingBytesPerClient ||
@@ -398,7 +398,7 @@ void DbusListener::judge(const std::shared_ptr<Client>& client) {
 
 // Queues a request that has been counted as started on the accepted
 // client's queue.
-void DbusListener::dispatch(const std::shared_ptr<Client>& client, const OperationSpec& operation,
+void DbusListener::dispatch(const std::shared_ptr<Client>& client, const Operation& operation,
                             const std::shared_ptr<Call>& call, std::size_t bytes) {
     ++client->waiting;
     client->waitingBytes += bytes;
@@ -420,7 +420,7 @@ void DbusListener::requestFinished() {
     if (--inFlight_ == 0) allRequestsFinished_.notify_all();
 }
 
-void DbusListener::serve(const OperationSpec& operation, const std::shared_ptr<Call>& call) {
+void DbusListener::serve(const Operation& operation, const std::shared_ptr<Call>& call) {
     if (invalidated_) return;
     dbus::DecodedDictionary decoded;
     try {

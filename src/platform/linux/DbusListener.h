@@ -86,13 +86,13 @@ private:
     class PendingReply;
 
     static void sendError(Call& call, const std::string& name, const std::string& text);
-    void receive(const OperationSpec& operation, sdbus::MethodCall call);
-    bool holdWhileJudged(Client& client, const OperationSpec& operation, const std::shared_ptr<Call>& call,
+    void receive(const Operation& operation, sdbus::MethodCall call);
+    bool holdWhileJudged(Client& client, const Operation& operation, const std::shared_ptr<Call>& call,
                          std::size_t bytes);
     void judge(const std::shared_ptr<Client>& client);
-    void dispatch(const std::shared_ptr<Client>& client, const OperationSpec& operation,
+    void dispatch(const std::shared_ptr<Client>& client, const Operation& operation,
                   const std::shared_ptr<Call>& call, std::size_t bytes);
-    void serve(const OperationSpec& operation, const std::shared_ptr<Call>& call);
+    void serve(const Operation& operation, const std::shared_ptr<Call>& call);
     bool decideAcceptance(Client& client);
     void requestStarted();
     void clientLeft(const std::string& name);

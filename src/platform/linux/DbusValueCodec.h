@@ -9,7 +9,7 @@
 
 #include <sdbus-c++/Message.h>
 
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 #include "util/Value.h"
 
 namespace korvo::platform::dbus {

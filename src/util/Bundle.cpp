@@ -1,4 +1,4 @@
-#include "core/Bundle.h"
+#include "util/Bundle.h"
 
 #include "util/FileSystem.h"
 

@@ -1,4 +1,4 @@
-#include "core/Error.h"
+#include "util/Error.h"
 
 #include <cerrno>
 #include <cstring>

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 
 namespace korvo {
 
@@ -14,14 +14,14 @@ namespace korvo {
 // another type than declared (it names the key); nullopt when every present
 // argument is usable. Any D-Bus integer type counts as an integer as long as
 // the value fits; keys the operation does not declare are not looked at.
-std::optional<std::string> invalidArgumentMessage(const OperationSpec& operation, const Dictionary& arguments);
+std::optional<std::string> invalidArgumentMessage(const Operation& operation, const Dictionary& arguments);
 
 // The declared arguments only, so that an operation never sees a key it does
 // not know.
-Dictionary declaredArguments(const OperationSpec& operation, const Dictionary& arguments);
+Dictionary declaredArguments(const Operation& operation, const Dictionary& arguments);
 
 // The declared type of each argument key.
-std::map<std::string, ArgumentType> argumentTypes(const OperationSpec& operation);
+std::map<std::string, ArgumentType> argumentTypes(const Operation& operation);
 // The types of the keys besides "error" that a reply of this shape carries.
 std::map<std::string, ArgumentType> replyTypes(ReplyShape shape);
 

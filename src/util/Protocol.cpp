@@ -1,19 +1,36 @@
-#include "core/Protocol.h"
+#include "util/Protocol.h"
 
 namespace korvo {
 
-const std::vector<OperationSpec>& helperOperations() {
-    static const std::vector<OperationSpec> operations = [] {
-        std::vector<OperationSpec> all;
-        for (auto part : {coreOperations(), backendOperations(), wireGuardOperations()}) {
-            for (auto& op : part) all.push_back(std::move(op));
-        }
-        return all;
-    }();
+const std::vector<Operation>& helperOperations() {
+    using T = ArgumentType;
+    static const std::vector<Operation> operations = {
+        {"setKorvoBundlePath", {{"path", T::String}}, ReplyShape::None},
+        {"setTmpDirPath", {{"path", T::String}}, ReplyShape::None},
+        {"setNetworkDiagnosticsCaptureEnabled", {{"enabled", T::Boolean}, {"logFilePath", T::String}},
+         ReplyShape::None},
+        {"setVPNDebugLoggingEnabled", {{"enabled", T::Boolean}}, ReplyShape::None},
+        {"terminateWithReply", {}, ReplyShape::Error},
+        {"connectOpenVPNWithConfig", {{"config", T::String}, {"managementPort", T::UInt64}}, ReplyShape::Result},
+        {"connectVPNCWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
+        {"connectSSHWithConfig",
+         {{"config", T::String}, {"host", T::String}, {"credentials", T::String}, {"comPort", T::UInt64}},
+         ReplyShape::Pid},
+        {"connectOpenConnectWithConfig",
+         {{"config", T::String},
+          {"host", T::String},
+          {"resolve", T::String},
+          {"credentials", T::String},
+          {"hash", T::String},
+          {"comPort", T::UInt64}},
+         ReplyShape::Pid},
+        {"connectWireGuardWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
+        {"connectAmneziaWGWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
+    };
     return operations;
 }
 
-const OperationSpec* findOperation(const std::string& name) {
+const Operation* findOperation(const std::string& name) {
     for (const auto& op : helperOperations()) {
         if (op.name == name) return &op;
     }

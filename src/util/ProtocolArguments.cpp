@@ -1,4 +1,4 @@
-#include "core/ProtocolArguments.h"
+#include "util/ProtocolArguments.h"
 
 #include <cstdint>
 #include <limits>
@@ -43,7 +43,7 @@ bool fits(const Value& v, ArgumentType type) {
 
 }  // namespace
 
-std::optional<std::string> invalidArgumentMessage(const OperationSpec& operation, const Dictionary& arguments) {
+std::optional<std::string> invalidArgumentMessage(const Operation& operation, const Dictionary& arguments) {
     for (const auto& argument : operation.arguments) {
         const auto it = arguments.find(argument.key);
         if (it == arguments.end() || fits(it->second, argument.type)) continue;
@@ -53,7 +53,7 @@ std::optional<std::string> invalidArgumentMessage(const OperationSpec& operation
     return std::nullopt;
 }
 
-Dictionary declaredArguments(const OperationSpec& operation, const Dictionary& arguments) {
+Dictionary declaredArguments(const Operation& operation, const Dictionary& arguments) {
     Dictionary out;
     for (const auto& argument : operation.arguments) {
         if (auto it = arguments.find(argument.key); it != arguments.end()) out.emplace(argument.key, it->second);
@@ -61,7 +61,7 @@ Dictionary declaredArguments(const OperationSpec& operation, const Dictionary& a
     return out;
 }
 
-std::map<std::string, ArgumentType> argumentTypes(const OperationSpec& operation) {
+std::map<std::string, ArgumentType> argumentTypes(const Operation& operation) {
     std::map<std::string, ArgumentType> types;
     for (const auto& argument : operation.arguments) types.emplace(argument.key, argument.type);
     return types;

@@ -1,7 +1,7 @@
 // KorvoHelperToolProtocol as the transports see it: each operation's name,
-// its named arguments with their types, and how a call reaches the service
-// object. The bus listener, korvoctl and the docs are all driven by this one
-// table.
+// its named arguments with their types and the shape of its reply. The bus
+// listener, korvoctl and the docs are all driven by this one table; the
+// service core binds each operation to the request method that does it.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "core/Error.h"
+#include "util/Error.h"
 #include "util/Value.h"
 
 namespace korvo {
-
-class KorvoHelperTool;
 
 // The type of one named argument. A value of another type is refused by the
 // transport (naming the key) before the operation runs, except for Any,
@@ -31,7 +29,7 @@ enum class ArgumentType {
     Any,          // v
 };
 
-struct ArgumentSpec {
+struct Argument {
     std::string key;
     ArgumentType type;
 };
@@ -44,26 +42,18 @@ enum class ReplyShape {
     Result,    // (error, string): "result" s when not nil
 };
 
-// Called with the arguments (absent keys are nil) and a function that sends
-// the reply dictionary; it must be called exactly once.
+// Sends the reply dictionary of one call; called exactly once.
 using ReplySender = std::function<void(Dictionary reply)>;
-using OperationHandler = std::function<void(KorvoHelperTool& tool, const Dictionary& arguments, ReplySender reply)>;
 
-struct OperationSpec {
+struct Operation {
     std::string name;
-    std::vector<ArgumentSpec> arguments;
+    std::vector<Argument> arguments;
     ReplyShape reply;
-    OperationHandler handler;
 };
 
 // Every exported operation, in protocol order.
-const std::vector<OperationSpec>& helperOperations();
-const OperationSpec* findOperation(const std::string& name);
-
-// The operations of each subsystem; helperOperations() joins them.
-std::vector<OperationSpec> coreOperations();
-std::vector<OperationSpec> backendOperations();
-std::vector<OperationSpec> wireGuardOperations();
+const std::vector<Operation>& helperOperations();
+const Operation* findOperation(const std::string& name);
 
 // Reply dictionaries: "error" only on failure, "pid" and "result" where the
 // operation returns them (a nil result is left out).
