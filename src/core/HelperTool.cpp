@@ -55,8 +55,9 @@ public:
 
     const std::vector<Operation>& exportedOperations() override { return helperOperations(); }
 
-    void performOperation(const Operation& operation, const Dictionary& arguments, ReplySender reply) override {
-        (*requestHandler(operation.name))(tool_, arguments, std::move(reply));
+    void performOperation(const platform::ServiceConnection& caller, const Operation& operation,
+                          const Dictionary& arguments, ReplySender reply) override {
+        (*requestHandler(operation.name))(tool_, caller, arguments, std::move(reply));
     }
 
     void listenerDidFail(platform::ServiceListener&, const std::string& reason) override {

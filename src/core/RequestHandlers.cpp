@@ -8,6 +8,7 @@ namespace korvo {
 namespace {
 
 using Handlers = std::map<std::string, RequestHandler>;
+using Caller = platform::ServiceConnection;
 
 PidReply sendPid(ReplySender reply) {
     return [reply = std::move(reply)](const MaybeError& error, std::int32_t pid) { reply(pidReply(error, pid)); };
@@ -18,55 +19,55 @@ ErrorReply sendError(ReplySender reply) {
 }
 
 void addSettingRequests(Handlers& h) {
-    h["setKorvoBundlePath"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["setKorvoBundlePath"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.setKorvoBundlePath(stringArgument(args, "path"));
         reply({});
     };
-    h["setTmpDirPath"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["setTmpDirPath"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.setTmpDirPath(stringArgument(args, "path"));
         reply({});
     };
-    h["setNetworkDiagnosticsCaptureEnabled"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["setNetworkDiagnosticsCaptureEnabled"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.setNetworkDiagnosticsCaptureEnabled(booleanArgument(args, "enabled"), stringArgument(args, "logFilePath"));
         reply({});
     };
-    h["setVPNDebugLoggingEnabled"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["setVPNDebugLoggingEnabled"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.setVPNDebugLoggingEnabled(booleanArgument(args, "enabled"));
         reply({});
     };
-    h["terminateWithReply"] = [](KorvoHelperTool& tool, const Dictionary&, ReplySender reply) {
+    h["terminateWithReply"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary&, ReplySender reply) {
         tool.terminateWithReply(sendError(std::move(reply)));
     };
 }
 
 void addConnectRequests(Handlers& h) {
-    h["connectOpenVPNWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectOpenVPNWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectOpenVPNWithConfig(
             stringArgument(args, "config"), unsignedArgument(args, "managementPort"),
             [reply = std::move(reply)](const MaybeError& error, const std::optional<std::string>& result) {
                 reply(resultReply(error, result));
             });
     };
-    h["connectVPNCWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectVPNCWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectVPNCWithConfig(stringArgument(args, "config"), unsignedArgument(args, "comPort"),
                                    sendPid(std::move(reply)));
     };
-    h["connectSSHWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectSSHWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectSSHWithConfig(stringArgument(args, "config"), stringArgument(args, "host"),
                                   stringArgument(args, "credentials"), unsignedArgument(args, "comPort"),
                                   sendPid(std::move(reply)));
     };
-    h["connectOpenConnectWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectOpenConnectWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectOpenConnectWithConfig(stringArgument(args, "config"), stringArgument(args, "host"),
                                           stringArgument(args, "resolve"), stringArgument(args, "credentials"),
                                           stringArgument(args, "hash"), unsignedArgument(args, "comPort"),
                                           sendPid(std::move(reply)));
     };
-    h["connectWireGuardWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectWireGuardWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectWireGuardWithConfig(stringArgument(args, "config"), unsignedArgument(args, "comPort"),
                                         sendPid(std::move(reply)));
     };
-    h["connectAmneziaWGWithConfig"] = [](KorvoHelperTool& tool, const Dictionary& args, ReplySender reply) {
+    h["connectAmneziaWGWithConfig"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.connectAmneziaWGWithConfig(stringArgument(args, "config"), unsignedArgument(args, "comPort"),
                                         sendPid(std::move(reply)));
     };

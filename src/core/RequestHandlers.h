@@ -6,13 +6,17 @@
 #include <functional>
 #include <string>
 
+#include "platform/ServiceListener.h"
 #include "util/Protocol.h"
 
 namespace korvo {
 
 class KorvoHelperTool;
 
-using RequestHandler = std::function<void(KorvoHelperTool& tool, const Dictionary& arguments, ReplySender reply)>;
+// caller is the client that sent the request, as it was accepted: requests
+// that act on a path the client names act with that client's rights.
+using RequestHandler = std::function<void(KorvoHelperTool& tool, const platform::ServiceConnection& caller,
+                                          const Dictionary& arguments, ReplySender reply)>;
 
 // The handler of the named operation; null for a name the helper does not
 // export. Every operation of helperOperations() has one.

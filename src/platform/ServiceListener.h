@@ -44,11 +44,12 @@ public:
     // The operations offered to accepted clients.
     virtual const std::vector<Operation>& exportedOperations() = 0;
 
-    // Runs one request of an accepted client on its queue. The arguments have
-    // the types the operation declares (absent keys are nil); reply must be
-    // called exactly once, from any thread.
-    virtual void performOperation(const Operation& operation, const Dictionary& arguments,
-                                  ReplySender reply) = 0;
+    // Runs one request of an accepted client on its queue. caller is the
+    // client as it was accepted. The arguments have the types the operation
+    // declares (absent keys are nil); reply must be called exactly once, from
+    // any thread.
+    virtual void performOperation(const ServiceConnection& caller, const Operation& operation,
+                                  const Dictionary& arguments, ReplySender reply) = 0;
 
     // The listener lost its connection to the platform's IPC service and
     // serves no more requests.

@@ -65,7 +65,8 @@ public:
 
     const std::vector<Operation>& exportedOperations() override { return operations; }
 
-    void performOperation(const Operation& op, const Dictionary& args, ReplySender reply) override {
+    void performOperation(const platform::ServiceConnection&, const Operation& op, const Dictionary& args,
+                          ReplySender reply) override {
         if (op.name == "slow") {
             Interval interval{*stringForKey(args, "label"), args.at("index").integerValue().value_or(0), Clock::now(), {}};
             std::this_thread::sleep_for(std::chrono::milliseconds(args.at("delayMs").integerValue().value_or(0)));

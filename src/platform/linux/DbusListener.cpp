@@ -84,6 +84,8 @@ struct DbusListener::Client {
 
     const std::string name;
     SerialQueue queue;  // the accepted client's requests
+    // Who the client was when it connected; set once before it is accepted.
+    ServiceConnection identity;
     std::atomic<std::size_t> waiting{0};
     std::atomic<std::size_t> waitingBytes{0};
 
@@ -405,7 +407,7 @@ void DbusListener::dispatch(const std::shared_ptr<Client>& client, const Operati
     client->queue.async([this, client, &operation, call, bytes] {
         --client->waiting;
         client->waitingBytes -= bytes;
-        serve(operation, call);
+        serve(client->identity, operation, call);
         requestFinished();
     });
 }
@@ -420,7 +422,8 @@ void DbusListener::requestFinished() {
     if (--inFlight_ == 0) allRequestsFinished_.notify_all();
 }
 
-void DbusListener::serve(const Operation& operation, const std::shared_ptr<Call>& call) {
+void DbusListener::serve(const ServiceConnection& caller, const Operation& operation,
+                         const std::shared_ptr<Call>& call) {
     if (invalidated_) return;
     dbus::DecodedDictionary decoded;
     try {
@@ -442,7 +445,7 @@ void DbusListener::serve(const Operation& operation, const std::shared_ptr<Call>
     }
 
     auto pending = std::make_shared<PendingReply>(call, operation.name, replyTypes(operation.reply));
-    delegate_.performOperation(operation, declaredArguments(operation, decoded.values),
+    delegate_.performOperation(caller, operation, declaredArguments(operation, decoded.values),
                                [pending](Dictionary reply) { pending->send(reply); });
 }
 
@@ -476,6 +479,7 @@ bool DbusListener::decideAcceptance(Client& client) {
     }
 
     if (!delegate_.shouldAcceptNewConnection(*this, connection)) return false;
+    client.identity = connection;
 
     // The code was pinned by process identifier after the bus named that
     // process. Had the client exited in between, another program could hold

@@ -92,7 +92,7 @@ private:
     void judge(const std::shared_ptr<Client>& client);
     void dispatch(const std::shared_ptr<Client>& client, const Operation& operation,
                   const std::shared_ptr<Call>& call, std::size_t bytes);
-    void serve(const Operation& operation, const std::shared_ptr<Call>& call);
+    void serve(const ServiceConnection& caller, const Operation& operation, const std::shared_ptr<Call>& call);
     bool decideAcceptance(Client& client);
     void requestStarted();
     void clientLeft(const std::string& name);
