@@ -26,14 +26,6 @@ constexpr std::string_view kNetworkResetQueueLabel = "com.tallowmar.korvo.utilit
     ::_exit(status);
 }
 
-// The process's temporary directory with a trailing "/": $TMPDIR, else /tmp.
-std::string processTemporaryDirectory() {
-    const char* tmpdir = std::getenv("TMPDIR");
-    std::string dir = (tmpdir != nullptr && *tmpdir == '/') ? tmpdir : "/tmp";
-    if (dir.back() != '/') dir += '/';
-    return dir;
-}
-
 }  // namespace
 
 // Accepts connections for the service object and runs their requests on it.
@@ -74,7 +66,6 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
         listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
     }
-    tmpDirPath_ = processTemporaryDirectory();
     // Made before any request can use it; a failure leaves the requests that
     // need it to fail, and says why here.
     if (services_.storeArea) {
@@ -83,8 +74,12 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         }
     }
     startedProcesses_ = std::make_unique<StartedProcesses>(services_.storeArea);
+    programRunner_ = std::make_unique<ProgramRunner>(services_.codeSigning, settings_, *startedProcesses_);
+    vpnConnections_ = std::make_unique<VpnConnections>(
+        BackendServices{services_.codeSigning, services_.storeArea, services_.tunnelInterfaces}, settings_,
+        *programRunner_);
     if (services_.locateApplicationBundle) {
-        if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
+        if (auto path = services_.locateApplicationBundle()) settings_.setKorvoBundlePath(*path);
     }
     // Each queue needs at most one thread at a time.
     queuePool_ = std::make_shared<WorkerPool>(2);
@@ -142,41 +137,10 @@ void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
     runCondition_.notify_all();
 }
 
-void KorvoHelperTool::setKorvoBundlePath(const std::optional<std::string>& path) {
-    std::optional<Bundle> bundle = path ? Bundle::bundleWithPath(*path) : std::nullopt;
-    std::lock_guard lock(objectLock_);
-    korvoBundle_ = std::move(bundle);
-}
-
-void KorvoHelperTool::setTmpDirPath(const std::optional<std::string>& path) {
-    std::lock_guard lock(objectLock_);
-    tmpDirPath_ = path;
-}
-
 void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath) {
     std::lock_guard lock(objectLock_);
     networkDiagnosticsCaptureEnabled_ = enabled;
     networkDiagnosticsLogPath_ = logFilePath;
-}
-
-void KorvoHelperTool::setVPNDebugLoggingEnabled(bool enabled) {
-    std::lock_guard lock(objectLock_);
-    vpnDebugLoggingEnabled_ = enabled;
-}
-
-std::string KorvoHelperTool::tmpDirPath() const {
-    std::lock_guard lock(objectLock_);
-    return tmpDirPath_.value_or(std::string());
-}
-
-std::optional<Bundle> KorvoHelperTool::korvoBundle() const {
-    std::lock_guard lock(objectLock_);
-    return korvoBundle_;
-}
-
-bool KorvoHelperTool::vpnDebugLoggingEnabled() const {
-    std::lock_guard lock(objectLock_);
-    return vpnDebugLoggingEnabled_;
 }
 
 bool KorvoHelperTool::networkDiagnosticsCaptureEnabled() const {

@@ -152,6 +152,6 @@ MaybeError NetlinkRouteTable::apply(const KernelRoute& route) {
     return routeError("Route operation failed: " + status.describe());
 }
 
-std::shared_ptr<RouteTable> makeSystemRouteTable() { return std::make_shared<NetlinkRouteTable>(); }
+std::shared_ptr<RouteTable> makeSystemRouteTable(SystemToolRunner) { return std::make_shared<NetlinkRouteTable>(); }
 
 }  // namespace korvo::platform
