@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/TunnelInterfaceConfigurator.h"
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 #include "util/Format.h"
 
 namespace korvo::platform {

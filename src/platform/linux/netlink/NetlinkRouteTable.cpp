@@ -3,7 +3,7 @@
 // deleted with scope "nowhere" and no protocol, which matches a route
 // whoever added it. A delete the kernel answers with ESRCH found nothing and
 // succeeds.
-#include "platform/linux/NetlinkRouteTable.h"
+#include "platform/linux/netlink/NetlinkRouteTable.h"
 
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
