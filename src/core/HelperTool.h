@@ -29,12 +29,15 @@
 namespace korvo {
 
 class CSCapturedProcessOutput;
+class NetworkSystemOperations;
 class SerialQueue;
+class SystemMaintenance;
 class WorkerPool;
 
 namespace platform {
 class ServiceListener;
 class ServiceListenerDelegate;
+struct ServiceConnection;
 class TunnelInterfaceConfigurator;
 }  // namespace platform
 
@@ -114,6 +117,18 @@ public:
                                            const std::string& displayName, const std::string& uapiDirectory,
                                            std::uint64_t comPort, PidReply reply);
 
+    // Disconnect and maintenance (SystemMaintenance). writeConfig and
+    // deleteConfigAtPath act with the rights of the caller.
+    void disconnectService(std::int64_t serviceType, const std::optional<std::string>& remoteHost,
+                           std::uint64_t comPort, std::int32_t pid, ErrorReply reply);
+    void writeConfig(const platform::ServiceConnection& caller, const std::optional<std::string>& config,
+                     const std::optional<std::string>& path, ErrorReply reply);
+    void deleteConfigAtPath(const platform::ServiceConnection& caller, const std::optional<std::string>& path,
+                            ErrorReply reply);
+    void cleanKnownHostsForRemoteHost(const std::optional<std::string>& host, ErrorReply reply);
+    void cleanSystem(std::int64_t cleanMask, ErrorReply reply);
+    void setTimeMachineEnabled(bool enabled, ErrorReply reply);
+
     // --- Process runner -------------------------------------------------------
     // Starts the executable at path after checking its signature; returns the
     // child's process identifier, or -1 with *error set (when error is given).
@@ -189,6 +204,8 @@ private:
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
+    std::shared_ptr<NetworkSystemOperations> networkSystemOperations_;
+    std::unique_ptr<SystemMaintenance> systemMaintenance_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
     bool vpnDebugLoggingEnabled_ = false;
