@@ -1,18 +1,10 @@
-// The maintenance component on its own: real processes and files in
-// temporary folders, a recording stand-in for interface control and for the
-// system-tool runner. The requests through the bus, with the real helper,
-// are in tests/integration/SystemMaintenanceServiceTest.cpp.
+// Disconnect on its own, with real processes and a recording stand-in for
+// interface control: a WireGuard program deletes its own link when it ends,
+// so only here can the test see that the helper deletes exactly the links
+// its programs made. Every request through the bus, with the real helper:
+// tests/integration/SystemMaintenanceServiceTest.cpp.
 #include "backends/SystemMaintenance.h"
 
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "network/NetworkSystemOperations.h"
@@ -24,11 +16,6 @@ namespace {
 
 using test::errorMessage;
 using test::LogCapture;
-using test::TempDir;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-namespace fs = std::filesystem;
 
 class RecordingInterfaceControl : public platform::InterfaceControl {
 public:
@@ -41,13 +28,6 @@ public:
     std::vector<std::string> destroyed;
 };
 
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 std::shared_ptr<ChildProcess> sleeper() {
     ChildProcess::Options options;
     options.executable = "/bin/sleep";
@@ -57,21 +37,6 @@ std::shared_ptr<ChildProcess> sleeper() {
 
 class SystemMaintenanceTest : public ::testing::Test {
 protected:
-    SystemMaintenanceTest() {
-        paths.runDirectory = dir.file("run");
-        paths.resolverDirectory = dir.file("resolver") + "/";
-        paths.installedFiles = {dir.file("unit.service"), dir.file("bus.service"), dir.file("policy.conf"),
-                                dir.file("daemon")};
-        paths.timeMachinePreferencesDomain = dir.file("com.apple.TimeMachine");
-        maintenance = std::make_unique<SystemMaintenance>(SystemMaintenance::Dependencies{
-            started, std::make_shared<NetworkSystemOperations>(nullptr, interfaces, paths.resolverDirectory),
-            [this](SystemTool tool, const std::vector<std::string>& arguments) {
-                toolRuns.emplace_back(tool, arguments);
-                return toolOutcome;
-            },
-            [this] { return storeBusy; }, paths});
-    }
-
     void TearDown() override {
         for (auto& child : children) child->terminate();
     }
@@ -84,15 +49,11 @@ protected:
         return pid;
     }
 
-    const TempDir dir;
     LogCapture log;
-    SystemMaintenance::Paths paths;
     StartedProcesses started{nullptr};
     std::shared_ptr<RecordingInterfaceControl> interfaces = std::make_shared<RecordingInterfaceControl>();
-    std::vector<std::pair<SystemTool, std::vector<std::string>>> toolRuns;
-    MaybeError toolOutcome;
-    bool storeBusy = false;
-    std::unique_ptr<SystemMaintenance> maintenance;
+    SystemMaintenance maintenance{{started, std::make_shared<NetworkSystemOperations>(nullptr, interfaces),
+                                   nullptr, nullptr, {}}};
     std::vector<std::shared_ptr<ChildProcess>> children;
 };
 
@@ -107,7 +68,6 @@ TEST_F(SystemMaintenanceTest, DisconnectSignalsOnlyStartedProgramsAndDeletesOnly
         std::int64_t code;  // 0: success
         std::string message;
         std::vector<std::string> destroyed;
-        bool strangerSurvives = true;
     };
     const pid_t vpnc = startedProgram();
     const pid_t wireGuard = startedProgram("kmaint0");
@@ -129,7 +89,7 @@ TEST_F(SystemMaintenanceTest, DisconnectSignalsOnlyStartedProgramsAndDeletesOnly
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         interfaces->destroyed.clear();
-        const MaybeError error = maintenance->disconnectService(c.serviceType, c.interfaceName, 9999, c.pid);
+        const MaybeError error = maintenance.disconnectService(c.serviceType, c.interfaceName, 9999, c.pid);
         EXPECT_EQ(error ? error->code : 0, c.code);
         if (error) {
             EXPECT_EQ(errorMessage(error), c.message);
@@ -148,175 +108,10 @@ TEST_F(SystemMaintenanceTest, DisconnectSignalsOnlyStartedProgramsAndDeletesOnly
     }
     EXPECT_FALSE(started.isStartedLink("kmaint0")) << "a deleted link is forgotten";
     // Gone by now, started or not: nothing to signal, no error.
-    EXPECT_EQ(maintenance->disconnectService(1, std::nullopt, 0, vpnc), std::nullopt);
+    EXPECT_EQ(maintenance.disconnectService(1, std::nullopt, 0, vpnc), std::nullopt);
     children.front()->terminate();
     ASSERT_TRUE(children.front()->waitForExit(10));
-    EXPECT_EQ(maintenance->disconnectService(2, std::nullopt, 0, stranger), std::nullopt);
-}
-
-TEST_F(SystemMaintenanceTest, CleanSystemRemovesWhatItsBitsName) {
-    const std::string outside = dir.write("outside", "kept");
-    auto makeRunDirectory = [&] {
-        fs::create_directories(paths.runDirectory + "/network-transactions");
-        fs::create_directories(paths.runDirectory + "/client/deep/er");
-        std::ofstream(paths.runDirectory + "/network-transactions/t.plist") << "x";
-        std::ofstream(paths.runDirectory + "/client/deep/er/file") << "x";
-        fs::create_symlink(outside, paths.runDirectory + "/client/link");
-        fs::create_directory_symlink(dir.path(), paths.runDirectory + "/folder-link");
-    };
-    fs::create_directories(paths.resolverDirectory);
-    std::ofstream(paths.resolverDirectory + "generated") << "#@KORVO_GENERATED\nnameserver 10.0.0.1\n";
-    std::ofstream(paths.resolverDirectory + "own") << "nameserver 10.0.0.2\n";
-    for (const auto& file : {paths.installedFiles[0], paths.installedFiles[3]}) std::ofstream(file) << "x";
-
-    // Bit 4 first, and without the run directory the request stops there.
-    const MaybeError missing = maintenance->cleanSystem(6);
-    ASSERT_TRUE(missing.has_value());
-    EXPECT_EQ(missing->domain, CocoaErrorDomain);
-    EXPECT_EQ(missing->code, 4);
-    EXPECT_TRUE(fs::exists(paths.installedFiles[0]));
-
-    makeRunDirectory();
-    log.clear();
-    ASSERT_EQ(maintenance->cleanSystem(4 | 16 | 2), std::nullopt);
-    EXPECT_FALSE(fs::exists(paths.runDirectory));
-    EXPECT_EQ(contents(outside), "kept") << "a link is removed, never followed";
-    EXPECT_TRUE(fs::exists(dir.path()));
-    EXPECT_FALSE(fs::exists(paths.resolverDirectory + "generated"));
-    EXPECT_TRUE(fs::exists(paths.resolverDirectory + "own"));
-    for (const auto& file : paths.installedFiles) EXPECT_FALSE(fs::exists(file)) << file;
-    EXPECT_THAT(log.lines(), ElementsAre("Running cleanSystem in helper."));
-
-    // Unknown bits remain and are logged; missing installed files are no error.
-    ASSERT_EQ(maintenance->cleanSystem(2 | 1 | 64), std::nullopt);
-    EXPECT_TRUE(log.contains("Could not perform all cleaning operations. Remaining clean mask: 65."));
-    log.clear();
-    ASSERT_EQ(maintenance->cleanSystem(0), std::nullopt);
-    EXPECT_THAT(log.lines(), ElementsAre("Running cleanSystem in helper."));
-}
-
-TEST_F(SystemMaintenanceTest, CleanSystemKeepsTheStoreAreaWhileItHoldsSomethingToUndo) {
-    fs::create_directories(paths.runDirectory + "/network-transactions");
-    fs::create_directories(paths.runDirectory + "/dynamic-store");
-    fs::create_directories(paths.runDirectory + "/client");
-    std::ofstream(paths.runDirectory + "/network-transactions/t.plist") << "x";
-    std::ofstream(paths.runDirectory + "/openvpn.log") << "x";
-    storeBusy = true;
-    ASSERT_EQ(maintenance->cleanSystem(4), std::nullopt);
-    EXPECT_TRUE(fs::exists(paths.runDirectory + "/network-transactions/t.plist"));
-    EXPECT_TRUE(fs::exists(paths.runDirectory + "/dynamic-store"));
-    EXPECT_FALSE(fs::exists(paths.runDirectory + "/client"));
-    EXPECT_FALSE(fs::exists(paths.runDirectory + "/openvpn.log"));
-    EXPECT_FALSE(log.errors().size());
-    storeBusy = false;
-    ASSERT_EQ(maintenance->cleanSystem(4), std::nullopt);
-    EXPECT_FALSE(fs::exists(paths.runDirectory));
-}
-
-TEST_F(SystemMaintenanceTest, ResolverFilesAreWrittenAsRootOnlyWhenGenerated) {
-    const std::string resolver = paths.resolverDirectory;
-    const std::string marked = "#@KORVO_GENERATED\nnameserver 10.1.1.1\n";
-    const std::optional<CallerRights> nobody = CallerRights{65534, 65534, {65534}};
-    // The resolver directory is made when missing.
-    ASSERT_EQ(maintenance->writeConfig(nobody, marked, resolver + "corp.example"), std::nullopt);
-    EXPECT_EQ(contents(resolver + "corp.example"), marked);
-    ASSERT_EQ(maintenance->writeConfig(nobody, marked + "search corp\n", resolver + "corp.example"), std::nullopt);
-    EXPECT_EQ(contents(resolver + "corp.example"), marked + "search corp\n");
-
-    std::ofstream(resolver + "admin") << "nameserver 10.9.9.9\n";
-    const std::string target = dir.write("target", "#@KORVO_GENERATED but not in the resolver directory");
-    fs::create_symlink(target, resolver + "link");
-    fs::create_directories(resolver + "folder");
-    struct Case {
-        const char* what;
-        std::function<MaybeError()> act;
-    };
-    const std::vector<Case> refused = {
-        {"new text without the marker", [&] { return maintenance->writeConfig(nobody, "nameserver 1.1.1.1\n", resolver + "new"); }},
-        {"replacing the administrator's file", [&] { return maintenance->writeConfig(nobody, marked, resolver + "admin"); }},
-        {"removing the administrator's file", [&] { return maintenance->deleteConfigAtPath(nobody, resolver + "admin"); }},
-        {"writing through a link", [&] { return maintenance->writeConfig(nobody, marked, resolver + "link"); }},
-        {"removing a link", [&] { return maintenance->deleteConfigAtPath(nobody, resolver + "link"); }},
-        {"replacing a folder", [&] { return maintenance->writeConfig(nobody, marked, resolver + "folder"); }},
-        // Deeper paths are no exception: the caller's own rights apply.
-        {"a file in a subfolder", [&] { return maintenance->writeConfig(nobody, marked, resolver + "folder/x"); }},
-        {"a path that leaves the folder", [&] { return maintenance->writeConfig(nobody, marked, resolver + "../escaped"); }},
-    };
-    for (const auto& c : refused) {
-        SCOPED_TRACE(c.what);
-        const MaybeError error = c.act();
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->code, 513);
-    }
-    EXPECT_EQ(contents(resolver + "admin"), "nameserver 10.9.9.9\n");
-    EXPECT_TRUE(fs::is_symlink(resolver + "link"));
-    EXPECT_EQ(contents(target), "#@KORVO_GENERATED but not in the resolver directory");
-    EXPECT_FALSE(fs::exists(resolver + "new"));
-    EXPECT_FALSE(fs::exists(resolver + "folder/x"));
-    EXPECT_FALSE(fs::exists(dir.file("escaped")));
-
-    ASSERT_EQ(maintenance->deleteConfigAtPath(nobody, resolver + "corp.example"), std::nullopt);
-    EXPECT_FALSE(fs::exists(resolver + "corp.example"));
-    EXPECT_EQ(maintenance->deleteConfigAtPath(nobody, resolver + "corp.example"), std::nullopt);
-}
-
-TEST_F(SystemMaintenanceTest, ConfigurationFilesNeedTheCallersRights) {
-    const std::string path = dir.file("config.ovpn");
-    const MaybeError unknown = maintenance->writeConfig(std::nullopt, "x", path);
-    ASSERT_TRUE(unknown.has_value());
-    EXPECT_EQ(unknown->code, 513);
-    EXPECT_FALSE(fs::exists(path));
-    const std::optional<CallerRights> root = CallerRights{0, 0, {0}};
-    ASSERT_EQ(maintenance->writeConfig(root, std::nullopt, path), std::nullopt);
-    EXPECT_EQ(contents(path), "");
-    EXPECT_EQ(maintenance->deleteConfigAtPath(root, std::nullopt), std::nullopt);
-    EXPECT_EQ(maintenance->deleteConfigAtPath(root, path), std::nullopt);
-    EXPECT_FALSE(fs::exists(path));
-    EXPECT_TRUE(log.contains("Running writeConfig in helper."));
-    EXPECT_TRUE(log.contains("Running deleteConfig in helper."));
-}
-
-TEST_F(SystemMaintenanceTest, KnownHostsAndTimeMachineAnswerWithTheirCodes) {
-    EXPECT_EQ(maintenance->cleanKnownHostsForRemoteHost("-f/etc/passwd"), std::nullopt);
-    ASSERT_EQ(toolRuns.size(), 1u);
-    EXPECT_EQ(toolRuns[0].first, SystemTool::SSHKeygen);
-    EXPECT_THAT(toolRuns[0].second, ElementsAre("-R", "-f/etc/passwd"));
-
-    struct Case {
-        MaybeError runner;
-        std::int64_t code;
-        std::string message;
-    };
-    const std::vector<Case> cases = {
-        {errorWithKorvoErrorCode(68, std::string("Host not found")), 67,
-         "Cannot clean known hosts file for remote host ssh.example"},
-        {errorWithKorvoErrorCode(69, std::string("Cannot verify signature of executable at path /usr/bin/ssh-keygen")),
-         69, "Cannot verify signature of executable at path /usr/bin/ssh-keygen"},
-        {errorWithKorvoErrorCode(62, std::string("Cannot find executable at path /usr/bin/ssh-keygen")), 69,
-         "Cannot verify signature of executable at path /usr/bin/ssh-keygen"},
-    };
-    for (const auto& c : cases) {
-        toolOutcome = c.runner;
-        const MaybeError error = maintenance->cleanKnownHostsForRemoteHost("ssh.example");
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->code, c.code);
-        EXPECT_EQ(errorMessage(error), c.message);
-    }
-    toolRuns.clear();
-    EXPECT_EQ(maintenance->cleanKnownHostsForRemoteHost(std::nullopt)->code, 67);
-    EXPECT_THAT(toolRuns, IsEmpty());
-
-    log.clear();
-    for (const bool enabled : {true, false}) {
-        const MaybeError error = maintenance->setTimeMachineEnabled(enabled);
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->code, 62);
-        EXPECT_EQ(errorMessage(error), "Time Machine preference file file not found at " +
-                                           paths.timeMachinePreferencesDomain + ".plist");
-    }
-    EXPECT_THAT(log.lines(), IsEmpty());
-    std::ofstream(paths.timeMachinePreferencesDomain + ".plist") << "";
-    EXPECT_EQ(maintenance->setTimeMachineEnabled(true)->code, 69);
+    EXPECT_EQ(maintenance.disconnectService(2, std::nullopt, 0, stranger), std::nullopt);
 }
 
 }  // namespace

@@ -97,29 +97,56 @@ TEST_F(SystemMaintenanceServiceTest, AnUnprivilegedClientWritesWithItsOwnRights)
     };
 
     EXPECT_THAT(send("writeConfig", {"config=x", "path=" + rootOnly + "/marker"}), StartsWith("reply error"));
-    EXPECT_THAT(send("writeConfig", {"config=x", "path=" + rootOnly + "/sub/marker"}), StartsWith("reply error"));
     EXPECT_THAT(send("writeConfig", {"config=x", "path=" + rootOnly + "/root-file"}), StartsWith("reply error"));
     EXPECT_THAT(send("deleteConfigAtPath", {"path=" + rootOnly + "/root-file"}), StartsWith("reply error"));
     EXPECT_FALSE(fs::exists(rootOnly + "/marker"));
-    EXPECT_FALSE(fs::exists(rootOnly + "/sub"));
     EXPECT_EQ(contents(rootOnly + "/root-file"), "root's");
 
-    const std::string mine = own + "/client.conf";
-    EXPECT_THAT(send("writeConfig", {"config=mine", "path=" + mine}), StartsWith("reply\n"));
-    EXPECT_EQ(contents(mine), "mine");
+    EXPECT_THAT(send("writeConfig", {"config=mine", "path=" + own + "/client.conf"}), StartsWith("reply\n"));
+    EXPECT_EQ(contents(own + "/client.conf"), "mine");
     struct stat status {};
-    ASSERT_EQ(::stat(mine.c_str(), &status), 0);
+    ASSERT_EQ(::stat((own + "/client.conf").c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, 65534u);
 
-    // The resolver directory: generated files only, written as root.
+    // Generated files directly in the resolver directory are written as root.
     const std::string marked = "#@KORVO_GENERATED\nnameserver 10.7.7.7\n";
     EXPECT_THAT(send("writeConfig", {"config=" + marked, "path=/etc/resolver/corp.test"}), StartsWith("reply\n"));
     EXPECT_EQ(contents("/etc/resolver/corp.test"), marked);
-    EXPECT_THAT(send("writeConfig", {"config=nameserver 1.1.1.1", "path=/etc/resolver/other.test"}),
-                StartsWith("reply error"));
-    EXPECT_FALSE(fs::exists("/etc/resolver/other.test"));
     EXPECT_THAT(send("writeConfig", {"config=" + marked, "path=/etc/korvo-marker"}), StartsWith("reply error"));
     EXPECT_FALSE(fs::exists("/etc/korvo-marker"));
+}
+
+// Even for root, only regular files that carry the marker, directly in the
+// resolver directory, are written or removed there.
+TEST_F(SystemMaintenanceServiceTest, TheResolverDirectoryTakesOnlyGeneratedFiles) {
+    OverlayMount etc("/etc");
+    ASSERT_TRUE(etc.ok());
+    fs::create_directories("/etc/resolver");
+    std::ofstream("/etc/resolver/admin.test") << "nameserver 10.8.8.8\n";
+    const std::string outside = work.write("outside", "#@KORVO_GENERATED elsewhere");
+    fs::create_symlink(outside, "/etc/resolver/link.test");
+    const std::string marked = "#@KORVO_GENERATED\nnameserver 10.7.7.7\n";
+    auto write = [&](const std::string& text, const std::string& name) {
+        return call("writeConfig", {{"config", text}, {"path", "/etc/resolver/" + name}});
+    };
+    auto remove = [&](const std::string& name) { return call("deleteConfigAtPath", {{"path", "/etc/resolver/" + name}}); };
+    const std::vector<std::pair<const char*, Dictionary>> refused = {
+        {"new text without the marker", write("nameserver 1.1.1.1\n", "new.test")},
+        {"replacing the administrator's file", write(marked, "admin.test")},
+        {"removing the administrator's file", remove("admin.test")},
+        {"writing through a link", write(marked, "link.test")},
+        {"removing a link", remove("link.test")},
+    };
+    for (const auto& [what, reply] : refused) EXPECT_EQ(errorCodeOf(reply), 513) << what;
+    EXPECT_FALSE(fs::exists("/etc/resolver/new.test"));
+    EXPECT_EQ(contents("/etc/resolver/admin.test"), "nameserver 10.8.8.8\n");
+    EXPECT_TRUE(fs::is_symlink("/etc/resolver/link.test"));
+    EXPECT_EQ(contents(outside), "#@KORVO_GENERATED elsewhere");
+
+    EXPECT_TRUE(write(marked, "corp.test").empty());
+    EXPECT_TRUE(remove("corp.test").empty());
+    EXPECT_FALSE(fs::exists("/etc/resolver/corp.test"));
+    EXPECT_TRUE(remove("corp.test").empty());
 }
 
 TEST_F(SystemMaintenanceServiceTest, DisconnectEndsOnlyWhatTheHelperStarted) {
@@ -231,6 +258,10 @@ TEST_F(SystemMaintenanceServiceTest, CleanSystemRemovesWhatItsBitsName) {
     // A transaction on record: the store area stays, the rest goes.
     std::ofstream(kRunDirectory + "/network-transactions/pending.plist") << "<plist/>";
     std::ofstream(kRunDirectory + "/openvpn.log") << "log";
+    // The client's group may plant links there: removed, never followed.
+    const std::string outside = work.write("outside", "kept");
+    fs::create_symlink(outside, kRunDirectory + "/planted-link");
+    fs::create_directory_symlink(work.path(), kRunDirectory + "/planted-folder");
     EXPECT_TRUE(call("cleanSystem", {{"cleanMask", std::int64_t{4}}}).empty()) << helper.helperLog();
     EXPECT_TRUE(fs::exists(kRunDirectory + "/network-transactions/pending.plist"));
     EXPECT_FALSE(fs::exists(kRunDirectory + "/openvpn.log"));
@@ -239,6 +270,7 @@ TEST_F(SystemMaintenanceServiceTest, CleanSystemRemovesWhatItsBitsName) {
     fs::remove(kRunDirectory + "/network-transactions/pending.plist");
     EXPECT_TRUE(call("cleanSystem", {{"cleanMask", std::int64_t{4 | 16 | 2 | 1}}}).empty()) << helper.helperLog();
     EXPECT_FALSE(fs::exists(kRunDirectory));
+    EXPECT_EQ(contents(outside), "kept");
     EXPECT_FALSE(fs::exists("/etc/resolver/generated.test"));
     EXPECT_TRUE(fs::exists("/etc/resolver/admin.test"));
     for (const auto& file : installed) EXPECT_FALSE(fs::exists(file)) << file;
