@@ -1,6 +1,5 @@
 #include "core/HelperTool.h"
 #include "core/WorkspaceLookup.h"
-#include "platform/ServiceListener.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 #include "util/ClientGroup.h"
 
@@ -10,9 +9,6 @@ HelperServices HelperServices::production() {
     HelperServices services;
     services.codeSigning = platform::makeSystemCodeSigning();
     services.tunnelInterfaces = platform::makeSystemTunnelInterfaceConfigurator();
-    services.makeListener = [](std::string_view serviceName, platform::ServiceListenerDelegate& delegate) {
-        return platform::makeServiceListener(serviceName, delegate);
-    };
     services.locateApplicationBundle = [] {
         return applicationBundlePathForIdentifier(KorvoApplicationIdentifier, xdgApplicationDirectories());
     };

@@ -65,10 +65,7 @@ private:
 };
 
 KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(services)) {
-    if (services_.makeListener) {
-        listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
-        listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
-    }
+    listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
     // Made before any request can use it; a failure leaves the requests that
     // need it to fail, and says why here.
     if (services_.storeArea) {
@@ -101,32 +98,21 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
 }
 
 KorvoHelperTool::~KorvoHelperTool() {
-    // The listener's requests reach into this object: stop them first.
-    listener_.reset();
-    listenerDelegate_.reset();
     networkDiagnosticsQueue_.reset();
     networkResetQueue_.reset();
 }
 
-void KorvoHelperTool::run() {
-    {
-        std::lock_guard lock(runMutex_);
-        running_ = true;
-    }
-    if (listener_) {
-        if (auto error = listener_->resume()) {
-            logMessage(LOG_ERR, "Error: Unable to start listening for requests: %s: %s", error->domain.c_str(),
-                       error->displayText().c_str());
-            exitProcess(EXIT_FAILURE);
-        }
-    }
+void KorvoHelperTool::attachListener(platform::ServiceListener& listener) {
+    std::lock_guard lock(runMutex_);
+    listener_ = &listener;
+    running_ = true;
+}
+
+int KorvoHelperTool::run() {
     std::unique_lock lock(runMutex_);
     runCondition_.wait(lock, [this] { return stopRequested_; });
     running_ = false;
-    const bool failed = listenerFailed_;
-    lock.unlock();
-    if (listener_) listener_->invalidate();
-    exitProcess(failed ? EXIT_FAILURE : EXIT_SUCCESS);
+    return listenerFailed_ ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
 void KorvoHelperTool::listenerDidFail(const std::string& reason) {

@@ -50,11 +50,6 @@ using ErrorReply = std::function<void(const MaybeError&)>;
 struct HelperServices {
     std::shared_ptr<platform::CodeSigning> codeSigning;
     std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces;
-    // Creates the listener for the named service; null: the tool runs without
-    // one (a unit test driving the request methods directly).
-    std::function<std::unique_ptr<platform::ServiceListener>(std::string_view serviceName,
-                                                             platform::ServiceListenerDelegate& delegate)>
-        makeListener;
     // Finds the client application's bundle path; nullopt when none is installed.
     std::function<std::optional<std::string>()> locateApplicationBundle;
     // The run directory and the helper's own store directories beneath it;
@@ -62,22 +57,30 @@ struct HelperServices {
     std::shared_ptr<StoreArea> storeArea;
 
     // The real services: the platform's code signing and tunnel interfaces,
-    // the bus listener, the desktop's application lookup.
+    // the desktop's application lookup, the run directory.
     static HelperServices production();
 };
 
 class KorvoHelperTool {
 public:
-    // init: sets the defaults, loads persisted state and creates the listener.
+    // init: sets the defaults and loads persisted state. The daemon's entry
+    // then makes the platform's listener with listenerDelegate(), attaches
+    // it, resumes it and calls run.
     explicit KorvoHelperTool(HelperServices services = HelperServices::production());
     ~KorvoHelperTool();
     KorvoHelperTool(const KorvoHelperTool&) = delete;
     KorvoHelperTool& operator=(const KorvoHelperTool&) = delete;
 
-    // Resumes the listener and serves requests until terminateWithReply, which
-    // ends the process with status 0. A listener that cannot be resumed ends
-    // it with status 1.
-    void run();
+    // The listener's delegate: it accepts or refuses clients and hands each
+    // request of an accepted one to its request method.
+    platform::ServiceListenerDelegate& listenerDelegate() { return *listenerDelegate_; }
+    // The one listener whose clients the delegate judges. From now on
+    // terminateWithReply ends the process through run.
+    void attachListener(platform::ServiceListener& listener);
+    // Serves requests until terminateWithReply (returns EXIT_SUCCESS) or
+    // until the listener fails (EXIT_FAILURE); the caller then invalidates
+    // the listener and ends the process with that status.
+    int run();
 
     // --- Requests without a reply -------------------------------------------
     void setKorvoBundlePath(const std::optional<std::string>& path) { settings_.setKorvoBundlePath(path); }
@@ -87,7 +90,7 @@ public:
 
     // --- Requests with a reply ----------------------------------------------
     // Logs, replies, and ends the process with status 0: at once before run,
-    // else through run, which first stops the listener.
+    // else through run, whose caller first stops the listener.
     void terminateWithReply(ErrorReply reply);
 
     // The connect requests: VpnConnections.
@@ -147,7 +150,7 @@ public:
     std::int64_t networkDiagnosticsActiveConnectionCount() const;
     SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
     SerialQueue& networkResetQueue() { return *networkResetQueue_; }
-    platform::ServiceListener* listener() const { return listener_.get(); }
+    platform::ServiceListener* listener() const { return listener_; }
     const HelperServices& services() const { return services_; }
     // The service object's own lock: guards the fields below, the transaction
     // store and the diagnostics count. Never held across a slow operation.
@@ -175,14 +178,14 @@ private:
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
 
     std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;
-    std::unique_ptr<platform::ServiceListener> listener_;
+    platform::ServiceListener* listener_ = nullptr;
 
     // run() blocks on this until terminateWithReply asks it to stop.
     std::mutex runMutex_;
     std::condition_variable runCondition_;
     bool running_ = false;
     bool stopRequested_ = false;
-    bool listenerFailed_ = false;  // run() then ends the process with status 1
+    bool listenerFailed_ = false;  // run() then returns EXIT_FAILURE
 
     friend class HelperToolListenerDelegate;
     void listenerDidFail(const std::string& reason);

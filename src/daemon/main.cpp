@@ -1,9 +1,14 @@
 // The helper daemon: takes no arguments and reads no configuration; the
 // client configures it through requests.
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
 
 #include "KorvoVersion.h"
 #include "core/HelperTool.h"
+#include "platform/ServiceListener.h"
 #include "util/Log.h"
 
 int main() {
@@ -20,6 +25,18 @@ int main() {
                           "it is not a release.");
     }
     korvo::KorvoHelperTool tool;
-    tool.run();
-    return 0;
+    auto listener = korvo::platform::makeServiceListener(korvo::HelperServiceName, tool.listenerDelegate());
+    tool.attachListener(*listener);
+    int status = EXIT_FAILURE;
+    if (auto error = listener->resume()) {
+        korvo::logMessage(LOG_ERR, "Error: Unable to start listening for requests: %s: %s", error->domain.c_str(),
+                          error->displayText().c_str());
+    } else {
+        status = tool.run();
+        listener->invalidate();
+    }
+    // Request work may still run on other threads; the process ends without
+    // running static destructors that such work could still reach.
+    std::fflush(nullptr);
+    ::_exit(status);
 }

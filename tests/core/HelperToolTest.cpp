@@ -14,42 +14,25 @@ namespace {
 
 using ::testing::HasSubstr;
 
-// Says on standard error what the tool asks of it, so that death tests can
-// see the order of events.
+// A listener that serves nothing.
 class FakeListener : public platform::ServiceListener {
 public:
-    explicit FakeListener(platform::ServiceListenerDelegate& d, bool failResume) : delegate(d), failResume_(failResume) {}
-    MaybeError resume() override {
-        std::fprintf(stderr, "listener resumed\n");
-        if (failResume_) return errorWithKorvoErrorCode(55, "no bus here");
-        return std::nullopt;
-    }
-    void invalidate() override { std::fprintf(stderr, "listener invalidated\n"); }
+    explicit FakeListener(platform::ServiceListenerDelegate& d) : delegate(d) {}
+    MaybeError resume() override { return std::nullopt; }
+    void invalidate() override {}
 
     platform::ServiceListenerDelegate& delegate;
-
-private:
-    bool failResume_;
 };
 
 class HelperToolTest : public ::testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-    HelperServices servicesWithListener(bool failResume = false) {
+    static HelperServices services() {
         HelperServices services;
         services.codeSigning = std::make_shared<test::FakeCodeSigning>();
-        services.makeListener = [this, failResume](std::string_view name, platform::ServiceListenerDelegate& d) {
-            listenerName = std::string(name);
-            auto listener = std::make_unique<FakeListener>(d, failResume);
-            fakeListener = listener.get();
-            return listener;
-        };
         return services;
     }
-
-    std::string listenerName;
-    FakeListener* fakeListener = nullptr;
 };
 
 // The order on standard error: the log line, then the reply, then exit 0.
@@ -63,7 +46,7 @@ TEST_F(HelperToolTest, TerminateBeforeRunRepliesAndExitsAtOnce) {
     EXPECT_EXIT(
         {
             openHelperLog(true);
-            KorvoHelperTool tool(servicesWithListener());
+            KorvoHelperTool tool(services());
             tool.terminateWithReply([](const MaybeError& error) {
                 std::fprintf(stderr, "replied %s\n", error ? "with error" : "nil");
             });
@@ -72,25 +55,33 @@ TEST_F(HelperToolTest, TerminateBeforeRunRepliesAndExitsAtOnce) {
         ::testing::ExitedWithCode(0), ::testing::Truly(loggedThenReplied));
 }
 
-TEST_F(HelperToolTest, RunEndsTheProcessWhenTheListenerCannotStart) {
-    EXPECT_EXIT(
-        {
-            openHelperLog(true);
-            KorvoHelperTool tool(servicesWithListener(true));
-            tool.run();
-        },
-        ::testing::ExitedWithCode(1), HasSubstr("no bus here"));
+// Once a listener is attached, run serves until termination (status 0) or
+// until the listener fails (status 1); the caller then stops the listener.
+TEST_F(HelperToolTest, RunReturnsTheStatusOfHowServingEnded) {
+    KorvoHelperTool terminated(services());
+    FakeListener first(terminated.listenerDelegate());
+    terminated.attachListener(first);
+    bool replied = false;
+    terminated.terminateWithReply([&](const MaybeError& error) { replied = !error; });
+    EXPECT_TRUE(replied);
+    EXPECT_EQ(terminated.run(), EXIT_SUCCESS);
+
+    KorvoHelperTool failed(services());
+    FakeListener second(failed.listenerDelegate());
+    failed.attachListener(second);
+    failed.listenerDelegate().listenerDidFail(second, "bus gone");
+    EXPECT_EQ(failed.run(), EXIT_FAILURE);
 }
 
 // The tool's listener delegate judges only connections of its own listener
 // (acceptance and operations through the bus: HelperServiceTest).
 TEST_F(HelperToolTest, ListenerDelegateRefusesAForeignListener) {
-    KorvoHelperTool tool(servicesWithListener());
-    ASSERT_NE(fakeListener, nullptr);
-    EXPECT_EQ(listenerName, "com.tallowmar.korvo.utility");
-    auto& delegate = fakeListener->delegate;
-    EXPECT_TRUE(delegate.shouldAcceptNewConnection(*fakeListener, {":1.5", 99, 0, {0}}));
-    FakeListener stranger(delegate, false);
+    KorvoHelperTool tool(services());
+    FakeListener own(tool.listenerDelegate());
+    tool.attachListener(own);
+    auto& delegate = tool.listenerDelegate();
+    EXPECT_TRUE(delegate.shouldAcceptNewConnection(own, {":1.5", 99, 0, {0}}));
+    FakeListener stranger(delegate);
     EXPECT_DEATH(
         {
             openHelperLog(true);
