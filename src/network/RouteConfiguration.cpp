@@ -7,16 +7,6 @@ namespace {
 
 KorvoError invalid(const char* message) { return errorWithKorvoErrorCode(kInvalidParameterCode, message); }
 
-// Ends the request's journal work however the request ends.
-class FinishRecording {
-public:
-    explicit FinishRecording(TransactionStore& store) : store_(store) {}
-    ~FinishRecording() { store_.finishRequest(); }
-
-private:
-    TransactionStore& store_;
-};
-
 std::string describe(const KorvoError& error, const char* fallback) {
     return error.localizedDescription().value_or(fallback);
 }
@@ -74,19 +64,37 @@ void RouteConfiguration::configureRoutes(const Value& routeOperations, const Rou
                static_cast<unsigned long>(count));
     if (!operations) return reply(invalid("Invalid route operations payload."), std::nullopt);
 
+    MaybeError failure;
     std::optional<std::string> summary;
-    {
-        const FinishRecording finish(transactions_.store());
-        for (const Value& element : *operations) {
-            const Dictionary* operation = element.asDictionary();
-            if (!operation) return reply(invalid("Invalid route operation entry."), std::nullopt);
-            Result<std::string> line = applyOperation(*operation);
-            if (!line) return reply(line.error(), std::nullopt);
-            summary = summary ? *summary + "\n" + *line : *line;
+    for (const Value& element : *operations) {
+        const Dictionary* operation = element.asDictionary();
+        if (!operation) {
+            failure = invalid("Invalid route operation entry.");
+            break;
+        }
+        Result<std::string> line = applyOperation(*operation);
+        if (!line) {
+            failure = line.error();
+            break;
+        }
+        if (summary) {
+            *summary += '\n';
+            *summary += *line;
+        } else {
+            summary = std::move(*line);
         }
     }
-    logMessage(LOG_NOTICE, "Completed configureRoutes in helper.");
-    reply(std::nullopt, summary);
+    // What the request recorded is on disk before the client hears of it;
+    // rewriting the records from their journals can wait until after.
+    TransactionStore& store = transactions_.store();
+    store.syncJournals();
+    if (failure) {
+        reply(failure, std::nullopt);
+    } else {
+        logMessage(LOG_NOTICE, "Completed configureRoutes in helper.");
+        reply(std::nullopt, summary);
+    }
+    store.foldJournals();
 }
 
 MaybeError RouteConfiguration::claimRoute(const Operation& op) {
