@@ -141,6 +141,25 @@ TEST_F(NetworkTransactionServiceTest, RecordsAThousandRoutesAndRestoreUndoesExac
     EXPECT_TRUE(helper.waitForLog("Restored network transaction 'vpn 1' in ")) << helper.helperLog();
 }
 
+TEST_F(NetworkTransactionServiceTest, KorvoctlSendsARouteFileAndListsTheStore) {
+    ASSERT_EQ(helper.start(), std::nullopt);
+    const test::TempDir dir;
+    const std::string routes = dir.write("routes", "add 10.90.0.0/24 via 10.99.0.2\nadd 10.91.0.0/24 via 10.99.0.2\n");
+    const auto sent = helper.runClient({HelperFixture::korvoctlPath(), "configureRoutes", "routes=" + routes,
+                                        "transaction=office"});
+    EXPECT_EQ(sent.exitStatus, 0) << sent.standardError;
+    EXPECT_THAT(sent.standardOutput, HasSubstr("Added route 10.90.0.0/24 via 10.99.0.2"));
+    helper.call("recordOwnerProcessPID", {{"pid", std::int64_t{4242}},
+                                          {"serviceType", std::int64_t{5}},
+                                          {"isAmneziaWG", true},
+                                          {"transactionIdentifier", "office"}});
+
+    const auto listed = helper.runClient({HelperFixture::korvoctlPath(), "transactions"});
+    EXPECT_EQ(listed.exitStatus, 0) << listed.standardError;
+    EXPECT_EQ(listed.standardOutput, "IDENTIFIER\tOWNER\tROUTES\tDNS KEYS\n"
+                                     "office\tpid 4242 (type 5, AmneziaWG)\t2\t-\n");
+}
+
 TEST_F(NetworkTransactionServiceTest, ARouteIsHeldAgainstLiveOwnersAndReclaimedFromDeadOnes) {
     ASSERT_EQ(helper.start(), std::nullopt);
     const std::string held = "10.60.0.0/24", orphaned = "10.61.0.0/24";
