@@ -96,7 +96,7 @@ protected:
     }
     void TearDown() override {
         helper.stop();
-        shell("ip link del ktx0; rm -rf /var/run/Korvo");
+        shell("ip link del ktx0; ip link del en0; ip link del tun0; ip link del tap0; rm -rf /var/run/Korvo");
     }
 
     Dictionary configure(const Array& operations) {
@@ -260,6 +260,36 @@ TEST_F(NetworkTransactionServiceTest, TheSweepEndsNoProcessItDidNotStartAndRepor
     EXPECT_EQ(helperRouteCount(), 0u);
     EXPECT_FALSE(recordFile("stuck"));
     EXPECT_TRUE(recordFile("now"));
+}
+
+// The reset deletes only links that programs the helper started made (tun0
+// and tap0 here are someone else's), and its bounce of an "en" link puts
+// back the routes and addresses the kernel dropped when the link went down.
+TEST_F(NetworkTransactionServiceTest, ResetLeavesOtherSoftwaresLinksAndKeepsTheBouncedLinksConfiguration) {
+    ASSERT_EQ(helper.start(), std::nullopt);
+    ASSERT_EQ(shell("ip tuntap add mode tun name tun0 && ip tuntap add mode tap name tap0"
+                    " && ip link add en0 type veth peer name peer98 && ip link set peer98 up && ip link set en0 up"
+                    " && ip addr add 10.98.0.1/24 dev en0 && ip addr add fd98::1/64 dev en0 nodad"
+                    " && ip route add 10.97.0.0/24 via 10.98.0.2 && ip route add fd97::/64 via fd98::2")
+                  .exitStatus,
+              0);
+    const auto state = [] {
+        return shell("ip -4 route show dev en0; ip -6 route show dev en0 | grep -v fe80; "
+                     "ip addr show dev en0 scope global | grep inet")
+            .output;
+    };
+    const std::string before = state();
+    ASSERT_THAT(before, HasSubstr("fd97::/64 via fd98::2"));
+
+    for (const char* tunnel : {"", "tun0", "en0"}) {
+        const Dictionary reply = helper.call("resetNetworkConfigurationForIdentifier",
+                                             {{"identifier", "x"}, {"tunnelInterface", tunnel}});
+        EXPECT_TRUE(reply.empty()) << tunnel << ": " << test::errorMessageOf(reply);
+        EXPECT_EQ(state(), before) << tunnel;
+    }
+    EXPECT_EQ(shell("ip link show tun0 && ip link show tap0").exitStatus, 0);
+    EXPECT_THAT(shell("ip link show en0").output, HasSubstr(",UP"));
+    EXPECT_EQ(helper.helperLog().find("Could not put back"), std::string::npos) << helper.helperLog();
 }
 
 // The journal decides what a helper killed mid-request added: a route it
