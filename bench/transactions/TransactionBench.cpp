@@ -161,7 +161,9 @@ int main() {
         operations.emplace_back(Dictionary{{"action", "add"}, {"destination", destinations.back()},
                                            {"gateway", kGateway}, {"isIPv6", false}, {"transactionIdentifier", "bench"}});
     }
-    char directory[] = "/tmp/korvo-transaction-bench-XXXXXX";
+    // The store lives where the helper keeps it, on /run (a tmpfs, as the
+    // machine's /var/run is); bench/transactions/run gives a private one.
+    char directory[] = "/run/korvo-transaction-bench-XXXXXX";
     if (!::mkdtemp(directory)) return 1;
     const std::string addFile = std::string(directory) + "/add", deleteFile = std::string(directory) + "/delete";
     if (!writeBatch(addFile, "add", destinations) || !writeBatch(deleteFile, "del", destinations)) return 1;
