@@ -22,8 +22,8 @@ struct RouteConfiguration::Operation {
 
 namespace {
 
-// The operation's values, or the validation message that refuses it.
-Result<RouteConfiguration::Operation*> validate(const Dictionary& d, RouteConfiguration::Operation& op) {
+// Fills op from the dictionary, or gives the validation error that refuses it.
+MaybeError validate(const Dictionary& d, RouteConfiguration::Operation& op) {
     const auto string = [&d](const char* key) { return stringForKey(d, key); };
     const auto action = string(route_key::action);
     if (action != "add" && action != "delete") {
@@ -50,7 +50,7 @@ Result<RouteConfiguration::Operation*> validate(const Dictionary& d, RouteConfig
     op.isIPv6 = *isIPv6->second.boolValue();
     op.interfaceName = string(route_key::interfaceName).value_or("");
     op.transactionIdentifier = string(route_key::transactionIdentifier).value_or("");
-    return &op;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -97,6 +97,16 @@ void RouteConfiguration::configureRoutes(const Value& routeOperations, const Rou
     store.foldJournals();
 }
 
+namespace {
+
+void logRecordingFailure(const RouteConfiguration::Operation& op, const KorvoError& error) {
+    logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
+               op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
+               describe(error, "Unknown route recording error").c_str());
+}
+
+}  // namespace
+
 MaybeError RouteConfiguration::claimRoute(const Operation& op) {
     const RouteIdentity identity = NetworkTransactions::_routeIdentityForOperation(op.dictionary);
     auto owner = transactions_._ownerOfRouteIdentity(identity, op.transactionIdentifier);
@@ -119,7 +129,7 @@ MaybeError RouteConfiguration::claimRoute(const Operation& op) {
 
 Result<std::string> RouteConfiguration::applyOperation(const Dictionary& dictionary) {
     Operation op{dictionary, {}, {}, {}, {}, {}, false};
-    if (auto valid = validate(dictionary, op); !valid) return valid.error();
+    if (auto refusal = validate(dictionary, op)) return *refusal;
     const bool recorded = !op.transactionIdentifier.empty();
     if (recorded) {
         if (auto error = claimRoute(op)) return *error;
@@ -130,9 +140,7 @@ Result<std::string> RouteConfiguration::applyOperation(const Dictionary& diction
     if (recorded && op.action == "add") {
         auto sequence = transactions_.store().beginRouteAdd(op.transactionIdentifier, dictionary);
         if (!sequence) {
-            logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
-                       op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
-                       describe(sequence.error(), "Unknown route recording error").c_str());
+            logRecordingFailure(op, sequence.error());
             return sequence.error();
         }
         intent = *sequence;
@@ -154,9 +162,7 @@ Result<std::string> RouteConfiguration::applyOperation(const Dictionary& diction
             const auto inverse = _inverseRouteActionForAction(op.action);
             (void)network_._applyRouteOperationAction(*inverse, op.destination, op.gateway, op.isIPv6,
                                                       op.interfaceName);
-            logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
-                       op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
-                       describe(*recording, "Unknown route recording error").c_str());
+            logRecordingFailure(op, *recording);
             return *recording;
         }
     }
