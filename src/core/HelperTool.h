@@ -31,12 +31,16 @@
 
 namespace korvo {
 
+class CaptureSuppression;
 class NetworkSystemOperations;
+class NetworkTransactions;
+class RouteConfiguration;
 class SerialQueue;
 class SystemMaintenance;
 class WorkerPool;
 
 namespace platform {
+class DynamicStore;
 class ServiceListener;
 class ServiceListenerDelegate;
 struct ServiceConnection;
@@ -55,6 +59,9 @@ struct HelperServices {
     // The run directory and the helper's own store directories beneath it;
     // null: none (a unit test that touches no helper state).
     std::shared_ptr<StoreArea> storeArea;
+    // The dynamic store that DNS snapshots are restored into; null: none yet
+    // (restoring a DNS snapshot then fails).
+    std::shared_ptr<platform::DynamicStore> dynamicStore;
 
     // The real services: the platform's code signing and tunnel interfaces,
     // the desktop's application lookup, the run directory.
@@ -135,6 +142,16 @@ public:
     void cleanSystem(std::int64_t cleanMask, ErrorReply reply);
     void setTimeMachineEnabled(bool enabled, ErrorReply reply);
 
+    // Network transactions: NetworkTransactions; the route request:
+    // RouteConfiguration.
+    void recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,
+                               const std::optional<std::string>& transactionIdentifier, ErrorReply reply);
+    void configureRoutes(const Value& routeOperations, StringReply reply);
+    void applyNetworkTransaction(const Value& request, ErrorReply reply);
+    void restoreNetworkTransactionWithIdentifier(const std::optional<std::string>& identifier, ErrorReply reply);
+    void resetNetworkConfigurationForIdentifier(const std::optional<std::string>& identifier,
+                                                const std::optional<std::string>& tunnelInterface, ErrorReply reply);
+
     // --- Components -------------------------------------------------------------
     const HelperSettings& settings() const { return settings_; }
     // Every program the helper starts goes through the runner.
@@ -149,7 +166,9 @@ public:
     std::optional<std::string> networkDiagnosticsLogPath() const;
     std::int64_t networkDiagnosticsActiveConnectionCount() const;
     SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
-    SerialQueue& networkResetQueue() { return *networkResetQueue_; }
+    SerialQueue& networkResetQueue();
+    NetworkTransactions& networkTransactions() { return *networkTransactions_; }
+    NetworkSystemOperations& networkSystemOperations() { return *networkSystemOperations_; }
     platform::ServiceListener* listener() const { return listener_; }
     const HelperServices& services() const { return services_; }
     // The service object's own lock: guards the fields below, the transaction
@@ -161,19 +180,20 @@ private:
 
     mutable std::recursive_mutex objectLock_;
     HelperSettings settings_;
-    std::map<std::string, Dictionary> networkTransactions_;
     bool networkDiagnosticsCaptureEnabled_ = false;
     std::optional<std::string> networkDiagnosticsLogPath_;
     std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
     // The threads the two queues below run on.
     std::shared_ptr<WorkerPool> queuePool_;
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
-    std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
     std::unique_ptr<ProgramRunner> programRunner_;
     std::unique_ptr<VpnConnections> vpnConnections_;
     std::shared_ptr<NetworkSystemOperations> networkSystemOperations_;
     std::unique_ptr<SystemMaintenance> systemMaintenance_;
+    std::unique_ptr<CaptureSuppression> captureSuppression_;
+    std::unique_ptr<NetworkTransactions> networkTransactions_;
+    std::unique_ptr<RouteConfiguration> routeConfiguration_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
 

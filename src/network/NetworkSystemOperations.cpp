@@ -45,6 +45,17 @@ MaybeError NetworkSystemOperations::_applyRouteOperationAction(std::string_view 
                                     route->hostRoute);
 }
 
+MaybeError NetworkSystemOperations::_deleteRouteAddedByHelper(std::string_view destination,
+                                                              std::string_view gateway, bool isIPv6,
+                                                              std::string_view interfaceName) {
+    if (!interfaceName.empty()) {
+        return routeTable_->deleteHelperInterfaceRoute(std::string(destination), std::string(interfaceName), isIPv6);
+    }
+    Result<GatewayRoute> route = gatewayRouteForOperation("delete", destination, gateway, isIPv6);
+    if (!route) return route.error();
+    return routeTable_->deleteHelperGatewayRoute(route->destination, route->gateway, route->netmask);
+}
+
 MaybeError NetworkSystemOperations::_applyInterfaceRouteOperationAction(std::string_view action,
                                                                         std::string_view destination,
                                                                         std::string_view interfaceName, bool isIPv6) {
@@ -108,6 +119,17 @@ MaybeError NetworkSystemOperations::_removeKorvoGeneratedResolverFiles() {
         if (MaybeError error = removeFile(path)) return error;
     }
     return std::nullopt;
+}
+
+platform::InterfaceConfiguration NetworkSystemOperations::_saveInterfaceConfiguration(
+    const std::string& interfaceName) {
+    if (!interfaceControl_) return {interfaceName, {}, {}};
+    return interfaceControl_->saveConfiguration(interfaceName);
+}
+
+std::size_t NetworkSystemOperations::_restoreInterfaceConfiguration(
+    const platform::InterfaceConfiguration& configuration) {
+    return interfaceControl_ ? interfaceControl_->restoreConfiguration(configuration) : 0;
 }
 
 }  // namespace korvo

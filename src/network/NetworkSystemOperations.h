@@ -43,10 +43,21 @@ public:
                                         std::uint32_t gatewayLength, const platform::RouteSocketAddress& netmask,
                                         std::uint32_t netmaskLength, bool hostRoute);
 
+    // Deletes the route of an add whose outcome is unknown (the helper died
+    // during it), only when the kernel marks the route as the helper's own:
+    // a route that existed before, whose add then failed, stays.
+    MaybeError _deleteRouteAddedByHelper(std::string_view destination, std::string_view gateway, bool isIPv6,
+                                         std::string_view interfaceName);
+
     // --- Interfaces (errors of code 68) ---------------------------------------
 
     MaybeError _deleteInterfaceIfPresent(std::string_view interfaceName);
     MaybeError _setInterfaceNamed(std::string_view interfaceName, bool enabled);
+    // The addresses and routes of an interface, and putting back those of
+    // them that are missing (after the interface was down): the count of
+    // those that could not be put back.
+    platform::InterfaceConfiguration _saveInterfaceConfiguration(const std::string& interfaceName);
+    std::size_t _restoreInterfaceConfiguration(const platform::InterfaceConfiguration& configuration);
     // Names beginning with "en", once each, in the system's order; empty when
     // the interfaces cannot be listed.
     std::vector<std::string> _localEthernetInterfaceNames();

@@ -29,10 +29,18 @@ const std::vector<Operation>& helperOperations() {
         {"disconnectService",
          {{"serviceType", T::Int64}, {"remoteHost", T::String}, {"comPort", T::UInt64}, {"pid", T::Int32}},
          ReplyShape::Error},
+        {"recordOwnerProcessPID",
+         {{"pid", T::Int32}, {"serviceType", T::Int64}, {"isAmneziaWG", T::Boolean}, {"transactionIdentifier", T::String}},
+         ReplyShape::Error},
         {"writeConfig", {{"config", T::String}, {"path", T::String}}, ReplyShape::Error},
         {"deleteConfigAtPath", {{"path", T::String}}, ReplyShape::Error},
+        {"configureRoutes", {{"routeOperations", T::Any}}, ReplyShape::Result},
         {"cleanKnownHostsForRemoteHost", {{"host", T::String}}, ReplyShape::Error},
         {"cleanSystem", {{"cleanMask", T::Int64}}, ReplyShape::Error},
+        {"applyNetworkTransaction", {{"request", T::Any}}, ReplyShape::Error},
+        {"restoreNetworkTransactionWithIdentifier", {{"identifier", T::String}}, ReplyShape::Error},
+        {"resetNetworkConfigurationForIdentifier", {{"identifier", T::String}, {"tunnelInterface", T::String}},
+         ReplyShape::Error},
         {"setTimeMachineEnabled", {{"enabled", T::Boolean}}, ReplyShape::Error},
     };
     return operations;
