@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "util/Error.h"
+#include "util/StoreArea.h"
 #include "util/Value.h"
 
 namespace korvo::platform {
@@ -39,5 +40,9 @@ public:
     virtual std::unique_ptr<DynamicStoreSession> openSession(std::string_view sessionName,
                                                              std::string* failure = nullptr) = 0;
 };
+
+// The platform's store. On Linux it is kept in storeArea's "dynamic-store"
+// directory and projected onto the machine's resolver.
+std::shared_ptr<DynamicStore> makeSystemDynamicStore(std::shared_ptr<const StoreArea> storeArea);
 
 }  // namespace korvo::platform

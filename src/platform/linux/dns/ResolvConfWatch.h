@@ -1,0 +1,38 @@
+// Notices when another program writes /etc/resolv.conf (a DHCP client, a
+// network manager) while the tunnel's DNS is in force, so that the tunnel's
+// settings can be written again. Watches the file's directory (a file
+// replaced by rename) and the file itself (a bind-mounted file written in
+// place), both through inotify, on a thread of its own.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "util/UniqueFd.h"
+
+namespace korvo::platform::dns {
+
+class ResolvConfWatch {
+public:
+    // changed runs on the watch's thread after each completed write or
+    // replacement of the file, the helper's own included.
+    ResolvConfWatch(std::string path, std::function<void()> changed);
+    ~ResolvConfWatch();
+    ResolvConfWatch(const ResolvConfWatch&) = delete;
+    ResolvConfWatch& operator=(const ResolvConfWatch&) = delete;
+
+    bool ok() const { return inotify_.valid(); }
+
+private:
+    void watchFile();
+    void run();
+
+    std::string path_, directory_, name_;
+    std::function<void()> changed_;
+    UniqueFd inotify_, stop_;
+    int fileWatch_ = -1;
+    std::thread thread_;
+};
+
+}  // namespace korvo::platform::dns
