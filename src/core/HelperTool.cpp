@@ -34,6 +34,16 @@ std::string processTemporaryDirectory() {
     return dir;
 }
 
+// Until the transaction store is wired in, no transaction has a record, and a
+// capture for such a transaction keeps nothing.
+class NoTransactionSnapshots final : public DnsSnapshotCapture {
+public:
+    MaybeError captureDynamicStoreSnapshot(const std::string&, const std::string&,
+                                           const std::optional<Dictionary>&) override {
+        return std::nullopt;
+    }
+};
+
 }  // namespace
 
 // Accepts connections for the service object and runs their requests on it.
@@ -83,6 +93,8 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         }
     }
     startedProcesses_ = std::make_unique<StartedProcesses>(services_.storeArea);
+    dnsSnapshots_ = std::make_unique<NoTransactionSnapshots>();
+    tunnelDns_ = std::make_unique<TunnelDns>(services_.dynamicStore, *dnsSnapshots_);
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
     }
@@ -140,6 +152,10 @@ void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
     }
     stopRequested_ = true;
     runCondition_.notify_all();
+}
+
+void KorvoHelperTool::updateNameServerAddresses(const NameServerSettings& settings, ErrorReply reply) {
+    reply(tunnelDns_->updateNameServerAddresses(settings));
 }
 
 void KorvoHelperTool::setKorvoBundlePath(const std::optional<std::string>& path) {

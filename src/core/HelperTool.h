@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "network/TunnelDns.h"
 #include "util/Bundle.h"
 #include "util/Error.h"
 #include "platform/CodeSigning.h"
@@ -36,6 +37,7 @@ namespace platform {
 class ServiceListener;
 class ServiceListenerDelegate;
 class TunnelInterfaceConfigurator;
+class DynamicStore;
 }  // namespace platform
 
 using ErrorReply = std::function<void(const MaybeError&)>;
@@ -62,6 +64,9 @@ struct HelperServices {
     // The run directory and the helper's own store directories beneath it;
     // null: none (a unit test that touches no helper state).
     std::shared_ptr<StoreArea> storeArea;
+    // The dynamic store that tunnel DNS is published in; null: none (the DNS
+    // request then fails as when no session can be opened).
+    std::shared_ptr<platform::DynamicStore> dynamicStore;
 
     // The real services: the platform's code signing and tunnel interfaces,
     // the bus listener, the desktop's application lookup.
@@ -107,6 +112,7 @@ public:
                                     PidReply reply);
     void connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
                                     PidReply reply);
+    void updateNameServerAddresses(const NameServerSettings& settings, ErrorReply reply);
     // The shared WireGuard-family procedure behind the two requests above.
     void connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
                                            const std::string& userspaceExecutableName,
@@ -189,6 +195,8 @@ private:
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
+    std::unique_ptr<DnsSnapshotCapture> dnsSnapshots_;
+    std::unique_ptr<TunnelDns> tunnelDns_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
     bool vpnDebugLoggingEnabled_ = false;

@@ -73,11 +73,29 @@ void addConnectRequests(Handlers& h) {
     };
 }
 
+void addNetworkRequests(Handlers& h) {
+    h["updateNameServerAddresses"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        NameServerSettings settings;
+        settings.nameServerAddresses = stringArrayArgument(args, "nameServerAddresses");
+        settings.searchDomains = stringArrayArgument(args, "searchDomains");
+        settings.defaultDomain = stringArgument(args, "defaultDomain");
+        settings.serviceIdentifier = stringArgument(args, "serviceIdentifier");
+        settings.interfaceName = stringArgument(args, "interfaceName");
+        settings.IPv4Addresses = stringArrayArgument(args, "IPv4Addresses");
+        settings.IPv4DestAddresses = stringArrayArgument(args, "IPv4DestAddresses");
+        settings.IPv6Addresses = stringArrayArgument(args, "IPv6Addresses");
+        settings.IPv6PrefixLengths = int64ArrayArgument(args, "IPv6PrefixLengths");
+        settings.transactionIdentifier = stringArgument(args, "transactionIdentifier");
+        tool.updateNameServerAddresses(settings, sendError(std::move(reply)));
+    };
+}
+
 const Handlers& handlers() {
     static const Handlers table = [] {
         Handlers h;
         addSettingRequests(h);
         addConnectRequests(h);
+        addNetworkRequests(h);
         return h;
     }();
     return table;
