@@ -13,7 +13,8 @@ namespace korvo::platform::dns {
 namespace {
 
 constexpr std::uint32_t kDirectoryEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_ONLYDIR;
-constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE;
+constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE | IN_MODIFY;
+constexpr int kQuietMilliseconds = 200;
 
 }  // namespace
 
@@ -47,8 +48,23 @@ void ResolvConfWatch::watchFile() {
     fileWatch_ = ::inotify_add_watch(inotify_.get(), path_.c_str(), kFileEvents | IN_DONT_FOLLOW);
 }
 
-void ResolvConfWatch::run() {
+bool ResolvConfWatch::readEvents() {
     alignas(inotify_event) char buffer[4096];
+    bool relevant = false;
+    ssize_t n;
+    while ((n = ::read(inotify_.get(), buffer, sizeof buffer)) > 0) {
+        for (char* p = buffer; p < buffer + n;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(p);
+            const bool aboutFile =
+                event->wd == fileWatch_ || (event->len > 0 && std::strcmp(event->name, name_.c_str()) == 0);
+            if (aboutFile && (event->mask & IN_IGNORED) == 0) relevant = true;
+            p += sizeof(inotify_event) + event->len;
+        }
+    }
+    return relevant;
+}
+
+void ResolvConfWatch::run() {
     for (;;) {
         pollfd fds[2] = {{inotify_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
@@ -56,18 +72,11 @@ void ResolvConfWatch::run() {
             return;
         }
         if (fds[1].revents != 0) return;
-        bool relevant = false;
-        ssize_t n;
-        while ((n = ::read(inotify_.get(), buffer, sizeof buffer)) > 0) {
-            for (char* p = buffer; p < buffer + n;) {
-                const auto* event = reinterpret_cast<const inotify_event*>(p);
-                const bool aboutFile = event->wd == fileWatch_ ||
-                                       (event->len > 0 && std::strcmp(event->name, name_.c_str()) == 0);
-                if (aboutFile && (event->mask & IN_IGNORED) == 0) relevant = true;
-                p += sizeof(inotify_event) + event->len;
-            }
-        }
-        if (!relevant) continue;
+        if (!readEvents()) continue;
+        // A writer may come back at once (a truncation, then the text):
+        // act once the file has been quiet for a moment.
+        while (::poll(fds, 2, kQuietMilliseconds) > 0 && fds[1].revents == 0) (void)readEvents();
+        if (fds[1].revents != 0) return;
         watchFile();
         changed_();
     }

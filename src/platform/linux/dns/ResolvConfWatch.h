@@ -15,8 +15,8 @@ namespace korvo::platform::dns {
 
 class ResolvConfWatch {
 public:
-    // changed runs on the watch's thread after each completed write or
-    // replacement of the file, the helper's own included.
+    // changed runs on the watch's thread once the file, after a write or a
+    // replacement (the helper's own included), has been quiet for a moment.
     ResolvConfWatch(std::string path, std::function<void()> changed);
     ~ResolvConfWatch();
     ResolvConfWatch(const ResolvConfWatch&) = delete;
@@ -26,6 +26,8 @@ public:
 
 private:
     void watchFile();
+    // Reads what is queued; true when an event concerned the file.
+    bool readEvents();
     void run();
 
     std::string path_, directory_, name_;

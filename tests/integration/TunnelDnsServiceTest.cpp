@@ -1,0 +1,221 @@
+// Tunnel DNS through the real helper on a private bus: the helper projects
+// what it publishes onto a private /etc/resolv.conf (bind-mounted, as in a
+// container), dnsmasq in a peer namespace plays the tunnels' DNS servers and
+// the home network's, and getent is the user's view.
+//
+// Restoring a transaction is played by the test (after the helper has
+// stopped): it puts back the values that the DNS snapshots hold by the
+// snapshot rules (the first capture of a key wins) through a store opened on
+// the helper's own files, as the restore request does.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/linux/dns/LinuxDynamicStore.h"
+#include "support/HelperFixture.h"
+#include "support/TestSupport.h"
+
+namespace korvo::test {
+namespace {
+
+// The machine's own file: no final line feed, so that a restore that is not
+// byte for byte shows.
+const std::string kOriginal =
+    "# home network\nnameserver 192.168.77.3\nsearch home.test\noptions timeout:1 attempts:1";
+const std::string kTunnelA = "192.168.77.2", kTunnelB = "192.168.77.5";
+const std::string kLink = "vh-korvo-peer";
+const std::string kGlobal = "State:/Network/Global/DNS";
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
+
+// The name as the user's programs see it: its address, or "" when it does not resolve.
+std::string lookUp(const std::string& name) {
+    const auto result = shell("getent hosts " + name);
+    if (result.exitStatus != 0) return "";
+    return result.output.substr(0, result.output.find_first_of(" \t"));
+}
+
+using Snapshots = std::map<std::string, std::optional<Dictionary>>;
+
+class TunnelDnsServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(runningIsolated()) << "run through tests/support/isolated";
+        std::filesystem::create_directories(work.file("varlib"));
+        work.write("resolv.conf", kOriginal);
+        resolvConf = std::make_unique<BindMount>(work.file("resolv.conf"), "/etc/resolv.conf");
+        varLib = std::make_unique<BindMount>(work.file("varlib"), "/var/lib");
+        ASSERT_TRUE(resolvConf->ok() && varLib->ok());
+        ASSERT_TRUE(peer.ok()) << peer.problem();
+        ASSERT_EQ(peer.exec("ip addr add 192.168.77.3/24 dev vp-korvo-peer").exitStatus, 0);
+        ASSERT_EQ(peer.exec("ip addr add 192.168.77.5/24 dev vp-korvo-peer").exitStatus, 0);
+        startServer("home", "192.168.77.3", "printer.home.test", "10.66.6.6", "home.test");
+        startServer("a", kTunnelA, "intranet.corp.test", "10.77.7.7", "corp.test");
+        startServer("b", kTunnelB, "vault.b.test", "10.55.5.5", "b.test");
+        ASSERT_TRUE(eventually([] { return lookUp("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)));
+        ASSERT_EQ(helper.start(), std::nullopt);
+    }
+
+    void TearDown() override {
+        helper.stop();
+        servers.clear();
+    }
+
+    // dnsmasq answering for one name and denying the rest of its domain.
+    void startServer(const std::string& name, const std::string& address, const std::string& host,
+                     const std::string& hostAddress, const std::string& domain) {
+        servers.push_back(std::make_unique<BackgroundProgram>(
+            peer.name(),
+            std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+                                     "--bind-interfaces", "--listen-address=" + address,
+                                     "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
+                                     "--pid-file=/run/dnsmasq-" + name + ".pid", "--log-facility=-"},
+            work.file("dnsmasq-" + name + ".log")));
+    }
+
+    Dictionary publish(const std::string& service, const std::string& server,
+                       std::vector<std::string> searchDomains = {}) {
+        return helper.call("updateNameServerAddresses", {{"nameServerAddresses", strings({server})},
+                                                         {"searchDomains", strings(searchDomains)},
+                                                         {"serviceIdentifier", service},
+                                                         {"interfaceName", kLink},
+                                                         {"IPv4Addresses", strings({"192.168.77.1"})},
+                                                         {"transactionIdentifier", "tx-" + service}});
+    }
+
+    // Puts the snapshots back as restoring their transaction does, with the
+    // helper's files.
+    void restore(const Snapshots& snapshots) {
+        auto area = std::make_shared<StoreArea>("/var/run/Korvo", std::nullopt);
+        platform::dns::LinuxDynamicStore store({area, {}, nullptr, false});
+        for (const auto& [key, value] : snapshots) {
+            ASSERT_FALSE(value ? store.setValue(key, *value) : store.removeValue(key)) << key;
+        }
+    }
+
+    static Snapshots absent(const std::string& service) {
+        const std::string key = "State:/Network/Service/" + service;
+        return {{key + "/IPv4", std::nullopt}, {key + "/DNS", std::nullopt}};
+    }
+
+    TempDir work;
+    std::unique_ptr<BindMount> resolvConf, varLib;
+    PeerNamespace peer;
+    std::vector<std::unique_ptr<BackgroundProgram>> servers;
+    HelperFixture helper;
+};
+
+TEST_F(TunnelDnsServiceTest, TakeoverAsksOnlyTheTunnelAndRestoreGivesTheFileBackByteForByte) {
+    ASSERT_EQ(publish("a", kTunnelA), Dictionary{}) << helper.helperLog();
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("printer.home.test"), "");  // the home server is no longer asked
+    helper.stop();
+    Snapshots snapshots = absent("a");
+    snapshots[kGlobal] = std::nullopt;
+    restore(snapshots);
+    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+}
+
+TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
+    ASSERT_EQ(publish("a", kTunnelA, {"corp.test"}), Dictionary{}) << helper.helperLog();
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    // The tunnel's server refuses names outside its domain, so glibc asks
+    // the home server next; a server that answered NXDOMAIN would end it.
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    helper.stop();
+    restore(absent("a"));
+    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUp("intranet"), "");
+}
+
+TEST_F(TunnelDnsServiceTest, AHelperKilledInTheMiddleKeepsTheTunnelDnsAndRestoresAfterRestart) {
+    ASSERT_EQ(publish("a", kTunnelA, {"corp.test"}), Dictionary{});
+    const std::string written = contents("/etc/resolv.conf");
+    ASSERT_EQ(::kill(helper.helperPid(), SIGKILL), 0);
+    ASSERT_EQ(helper.waitForHelperExit(), -1);
+    helper.stop();
+    HelperFixture restarted;
+    ASSERT_EQ(restarted.start(), std::nullopt);
+    EXPECT_EQ(contents("/etc/resolv.conf"), written);
+    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    restarted.stop();
+    restore(absent("a"));
+    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+}
+
+// Two connections that both take over DNS. The second one's snapshot of the
+// global entry holds the first one's value (the first capture wins), so what
+// the resolver gets depends on the order of the restores.
+class TwoConnectionsTest : public TunnelDnsServiceTest {
+protected:
+    void SetUp() override {
+        TunnelDnsServiceTest::SetUp();
+        if (HasFatalFailure()) return;
+        a[kGlobal] = std::nullopt;
+        b[kGlobal] = Dictionary{{"ServerAddresses", strings({kTunnelA})}, {"InterfaceName", kLink}};
+        ASSERT_EQ(publish("a", kTunnelA), Dictionary{});
+        ASSERT_EQ(publish("b", kTunnelB), Dictionary{});
+        EXPECT_EQ(lookUp("vault.b.test"), "10.55.5.5");
+        EXPECT_EQ(lookUp("intranet.corp.test"), "");
+        helper.stop();
+    }
+    Snapshots a = absent("a"), b = absent("b");
+};
+
+TEST_F(TwoConnectionsTest, SecondRestoredFirst) {
+    restore(b);  // the first connection's global entry is back
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("vault.b.test"), "");
+    restore(a);
+    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+}
+
+TEST_F(TwoConnectionsTest, FirstRestoredFirst) {
+    // The first one's restore removes the global entry: the second
+    // connection is left with its service DNS, asked first.
+    restore(a);
+    EXPECT_EQ(lookUp("vault.b.test"), "10.55.5.5");
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    // The second one's restore puts the global entry back as it found it:
+    // the first connection's servers, though that connection is gone. Only
+    // a reset (or the next connection) clears it.
+    restore(b);
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("printer.home.test"), "");
+    restore({{kGlobal, std::nullopt}});
+    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+}
+
+TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheRestore) {
+    ASSERT_EQ(publish("a", kTunnelA), Dictionary{});
+    // A DHCP client writes the file in place, as it must with a mounted one.
+    const std::string dhcp = "nameserver 192.168.77.3\nsearch home.test\n";
+    ASSERT_EQ(shell("printf 'nameserver 192.168.77.3\\nsearch home.test\\n' > /etc/resolv.conf").exitStatus, 0);
+    EXPECT_TRUE(helper.waitForLog("was rewritten by another program while the VPN's DNS is in force"));
+    EXPECT_TRUE(eventually([] { return lookUp("intranet.corp.test") == "10.77.7.7"; }));
+    EXPECT_EQ(lookUp("printer.home.test"), "");
+    helper.stop();
+    Snapshots snapshots = absent("a");
+    snapshots[kGlobal] = std::nullopt;
+    restore(snapshots);
+    EXPECT_EQ(contents("/etc/resolv.conf"), dhcp);
+}
+
+}  // namespace
+}  // namespace korvo::test
