@@ -334,9 +334,14 @@ BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::
     : logPath_(std::move(logPath)) {
     UniqueFd log(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     ChildProcess::Options options;
-    options.executable = "/usr/sbin/ip";
-    options.arguments = {"netns", "exec", netns};
-    options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
+    if (netns.empty()) {
+        options.executable = argv.at(0);
+        options.arguments.assign(argv.begin() + 1, argv.end());
+    } else {
+        options.executable = "/usr/sbin/ip";
+        options.arguments = {"netns", "exec", netns};
+        options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
+    }
     options.standardOutput = log.get();
     options.standardError = log.get();
     int error = 0;

@@ -159,8 +159,9 @@ private:
     std::shared_ptr<ChildProcess> wireGuard_;
 };
 
-// A program run in a namespace with its output in a log file; terminated
-// (then killed) and waited for at the end.
+// A program run in a network namespace (netns empty: in the test's own) with
+// its output in a log file; terminated (then killed) and waited for at the
+// end.
 class BackgroundProgram {
 public:
     BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath);

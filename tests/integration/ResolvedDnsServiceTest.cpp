@@ -1,0 +1,165 @@
+// Tunnel DNS through the helper onto the real systemd-resolved: Debian's
+// program, unpacked by scripts/setup into a directory of its own (never
+// installed), serving on the test's private system bus in the test's
+// namespaces. The home network's server is resolved's global DNS; the
+// tunnel's server is set on the tunnel link; getent asks resolved's stub.
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/linux/dns/LinuxDynamicStore.h"
+#include "platform/linux/dns/ResolvedLinks.h"
+#include "support/HelperFixture.h"
+#include "support/TestSupport.h"
+#include "util/PropertyList.h"
+
+namespace korvo::test {
+namespace {
+
+const std::string kResolvedRoot = KORVO_RESOLVED_ROOT;
+const std::string kResolved = kResolvedRoot + "/lib/systemd/systemd-resolved";
+const std::string kLink = "vh-korvo-peer";
+const std::string kStub = "nameserver 127.0.0.53\noptions edns0 trust-ad\n";
+constexpr uid_t kResolveUser = 991;
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
+
+std::string lookUp(const std::string& name) {
+    const auto result = shell("getent hosts " + name);
+    if (result.exitStatus != 0) return "";
+    return result.output.substr(0, result.output.find_first_of(" \t"));
+}
+
+class ResolvedDnsServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(runningIsolated()) << "run through tests/support/isolated";
+        if (::access(kResolved.c_str(), X_OK) != 0) GTEST_SKIP() << kResolved << " missing: run scripts/setup";
+        // resolved runs as its own user, which this machine does not have.
+        const std::string user = "systemd-resolve:x:991:991::/:/usr/sbin/nologin\n";
+        work.write("passwd", contents("/etc/passwd") + user);
+        work.write("group", contents("/etc/group") + "systemd-resolve:x:991:\n");
+        work.write("resolv.conf", kStub);
+        std::filesystem::create_directories(work.file("varlib"));
+        for (const auto& [file, target] : {std::pair{"passwd", "/etc/passwd"}, std::pair{"group", "/etc/group"},
+                                           std::pair{"resolv.conf", "/etc/resolv.conf"},
+                                           std::pair{"varlib", "/var/lib"}}) {
+            mounts.push_back(std::make_unique<BindMount>(work.file(file), target));
+            ASSERT_TRUE(mounts.back()->ok()) << target;
+        }
+        // /run is the namespace's own. No fallback servers: nothing may be
+        // asked but the servers of this test.
+        std::filesystem::create_directories("/run/systemd/resolve");
+        std::filesystem::create_directories("/run/systemd/resolved.conf.d");
+        ASSERT_EQ(::chown("/run/systemd/resolve", kResolveUser, kResolveUser), 0);
+        std::ofstream("/run/systemd/resolved.conf.d/korvo-test.conf")
+            << "[Resolve]\nDNS=192.168.77.3\nFallbackDNS=\nLLMNR=no\nMulticastDNS=no\nDNSSEC=no\nCache=no\n";
+
+        ASSERT_TRUE(peer.ok()) << peer.problem();
+        ASSERT_EQ(peer.exec("ip addr add 192.168.77.3/24 dev vp-korvo-peer").exitStatus, 0);
+        startServer("home", "192.168.77.3", "printer.home.test", "10.66.6.6", "home.test");
+        startServer("a", "192.168.77.2", "intranet.corp.test", "10.77.7.7", "corp.test");
+
+        HelperFixture::Options options;
+        options.extraBusPolicy = "  <include ignore_missing=\"no\">" + kResolvedRoot +
+                                 "/usr/share/dbus-1/system.d/org.freedesktop.resolve1.conf</include>\n";
+        helper = std::make_unique<HelperFixture>(options);
+        ASSERT_EQ(helper->start(), std::nullopt);
+        resolved = std::make_unique<BackgroundProgram>("", std::vector<std::string>{kResolved}, work.file("resolved.log"));
+        ASSERT_TRUE(eventually([] { return platform::dns::ResolvedLinks::running(); }, std::chrono::seconds(10)))
+            << contents(work.file("resolved.log"));
+        ASSERT_TRUE(eventually([] { return lookUp("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)))
+            << contents(work.file("resolved.log"));
+    }
+
+    void TearDown() override {
+        if (helper) helper->stop();
+        resolved.reset();
+        servers.clear();
+    }
+
+    void startServer(const std::string& name, const std::string& address, const std::string& host,
+                     const std::string& hostAddress, const std::string& domain) {
+        servers.push_back(std::make_unique<BackgroundProgram>(
+            peer.name(),
+            std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+                                     "--bind-interfaces", "--listen-address=" + address,
+                                     "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
+                                     "--pid-file=/run/dnsmasq-" + name + ".pid", "--log-facility=-"},
+            work.file("dnsmasq-" + name + ".log")));
+    }
+
+    Dictionary publish(std::vector<std::string> searchDomains) {
+        return helper->call("updateNameServerAddresses", {{"nameServerAddresses", strings({"192.168.77.2"})},
+                                                          {"searchDomains", strings(searchDomains)},
+                                                          {"serviceIdentifier", "a"},
+                                                          {"interfaceName", kLink},
+                                                          {"IPv4Addresses", strings({"192.168.77.1"})},
+                                                          {"transactionIdentifier", "tx-a"}});
+    }
+
+    // What restoring the transaction does: the keys it added go again. The
+    // helper ends first; the bus stays for resolved.
+    void restore() {
+        ASSERT_EQ(::kill(helper->helperPid(), SIGTERM), 0);
+        ASSERT_TRUE(helper->waitForHelperExit().has_value());
+        platform::dns::LinuxDynamicStore store(
+            {std::make_shared<StoreArea>("/var/run/Korvo", std::nullopt), {}, &platform::dns::ResolvedLinks::running,
+             false});
+        for (const char* key : {"State:/Network/Service/a/IPv4", "State:/Network/Service/a/DNS",
+                                "State:/Network/Global/DNS"}) {
+            ASSERT_FALSE(store.removeValue(key)) << key;
+        }
+    }
+
+    Dictionary projection() const {
+        const auto value = readPropertyList(contents("/var/run/Korvo/dynamic-store/projection.plist"));
+        return value && value->asDictionary() ? *value->asDictionary() : Dictionary{};
+    }
+
+    TempDir work;
+    std::vector<std::unique_ptr<BindMount>> mounts;
+    PeerNamespace peer;
+    std::vector<std::unique_ptr<BackgroundProgram>> servers;
+    std::unique_ptr<HelperFixture> helper;
+    std::unique_ptr<BackgroundProgram> resolved;
+};
+
+TEST_F(ResolvedDnsServiceTest, SplitRoutesOnlyTheTunnelDomainToTheTunnel) {
+    ASSERT_EQ(publish({"corp.test"}), Dictionary{}) << helper->helperLog();
+    EXPECT_EQ(projection().at("Backend"), Value("systemd-resolved"));
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");  // still the home server's
+    // The search domain reaches programs through resolved's stub file.
+    ASSERT_EQ(shell("cat /run/systemd/resolve/stub-resolv.conf > /etc/resolv.conf").exitStatus, 0);
+    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    ASSERT_EQ(shell("printf '" + std::string("nameserver 127.0.0.53\\noptions edns0 trust-ad\\n") + "' > /etc/resolv.conf").exitStatus, 0);
+    restore();
+    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(contents("/etc/resolv.conf"), kStub);  // never touched with resolved
+}
+
+TEST_F(ResolvedDnsServiceTest, TakeoverSendsEveryQueryToTheTunnel) {
+    ASSERT_EQ(publish({}), Dictionary{}) << helper->helperLog();
+    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUp("printer.home.test"), "");
+    restore();
+    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+}
+
+}  // namespace
+}  // namespace korvo::test
