@@ -131,7 +131,22 @@ TEST_F(TunnelDnsServiceTest, TakeoverAsksOnlyTheTunnelAndRestoreGivesTheFileBack
 }
 
 TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
-    ASSERT_EQ(publish("a", kTunnelA, {"corp.test"}), Dictionary{}) << helper.helperLog();
+    const auto sent = helper.runClient({HelperFixture::korvoctlPath(), "updateNameServerAddresses",
+                                        "nameServerAddresses=" + kTunnelA, "searchDomains=corp.test",
+                                        "serviceIdentifier=a", "interfaceName=" + kLink,
+                                        "IPv4Addresses=192.168.77.1", "transactionIdentifier=tx-a"});
+    ASSERT_EQ(sent.exitStatus, 0) << sent.standardError << helper.helperLog();
+    const auto shown = helper.runClient({HelperFixture::korvoctlPath(), "dns"});
+    EXPECT_NE(shown.standardOutput.find("State:/Network/Service/a/DNS = {SearchDomains: [corp.test], "
+                                        "ServerAddresses: [192.168.77.2]}"),
+              std::string::npos)
+        << shown.standardOutput;
+    EXPECT_NE(shown.standardOutput.find("resolver: resolv.conf /etc/resolv.conf\n  written:\n"), std::string::npos)
+        << shown.standardOutput;
+    EXPECT_NE(shown.standardOutput.find("    nameserver 192.168.77.2\n    nameserver 192.168.77.3\n"
+                                        "    search corp.test home.test\n"),
+              std::string::npos)
+        << shown.standardOutput;
     EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
     // The tunnel's server refuses names outside its domain, so glibc asks

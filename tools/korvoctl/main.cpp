@@ -1,5 +1,6 @@
 // korvoctl: sends one request to the helper, as the client application does.
 //   korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]
+//   korvoctl dns
 //   korvoctl --help | --version | --write-docs DIRECTORY
 // Every operation of the helper's table is a subcommand, with its keys.
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "DnsStatus.h"
 #include "InterfaceDocs.h"
 #include "KorvoClient.h"
 #include "KorvoVersion.h"
@@ -22,9 +24,11 @@ constexpr int kExitUsage = 2;
 void printUsage(std::FILE* out) {
     std::fprintf(out,
                  "usage: korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]\n"
+                 "       korvoctl dns\n"
                  "       korvoctl --version | --write-docs DIRECTORY\n\n"
                  "Sends one request to the Korvo helper on the system bus and prints the reply.\n"
-                 "Arrays are comma-separated (KEY= is an empty one); @FILE reads a property list.\n\n"
+                 "Arrays are comma-separated (KEY= is an empty one); @FILE reads a property list.\n"
+                 "korvoctl dns shows the published DNS settings and what the resolver got (as root).\n\n"
                  "operations:\n");
     for (const auto& op : korvo::helperOperations()) std::fprintf(out, "  %s\n", korvo::ctl::operationUsage(op).c_str());
 }
@@ -68,6 +72,9 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    if (args[i] == "dns" && i + 1 == args.size()) {
+        return korvo::ctl::showDnsStatus("/var/run/Korvo", stdout, stderr);
+    }
     const korvo::Operation* operation = korvo::findOperation(args[i]);
     if (operation == nullptr) {
         std::fprintf(stderr, "korvoctl: unknown operation '%s' (korvoctl --help lists them)\n", args[i].c_str());
