@@ -8,7 +8,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -27,20 +26,7 @@ const std::string kLink = "vh-korvo-peer";
 const std::string kStub = "nameserver 127.0.0.53\noptions edns0 trust-ad\n";
 constexpr uid_t kResolveUser = 991;
 
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
-
-std::string lookUp(const std::string& name) {
-    const auto result = shell("getent hosts " + name);
-    if (result.exitStatus != 0) return "";
-    return result.output.substr(0, result.output.find_first_of(" \t"));
-}
 
 class ResolvedDnsServiceTest : public ::testing::Test {
 protected:
@@ -49,8 +35,8 @@ protected:
         if (::access(kResolved.c_str(), X_OK) != 0) GTEST_SKIP() << kResolved << " missing: run scripts/setup";
         // resolved runs as its own user, which this machine does not have.
         const std::string user = "systemd-resolve:x:991:991::/:/usr/sbin/nologin\n";
-        work.write("passwd", contents("/etc/passwd") + user);
-        work.write("group", contents("/etc/group") + "systemd-resolve:x:991:\n");
+        work.write("passwd", readWholeFile("/etc/passwd") + user);
+        work.write("group", readWholeFile("/etc/group") + "systemd-resolve:x:991:\n");
         work.write("resolv.conf", kStub);
         std::filesystem::create_directories(work.file("varlib"));
         for (const auto& [file, target] : {std::pair{"passwd", "/etc/passwd"}, std::pair{"group", "/etc/group"},
@@ -69,8 +55,10 @@ protected:
 
         ASSERT_TRUE(peer.ok()) << peer.problem();
         ASSERT_EQ(peer.exec("ip addr add 192.168.77.3/24 dev vp-korvo-peer").exitStatus, 0);
-        startServer("home", "192.168.77.3", "printer.home.test", "10.66.6.6", "home.test");
-        startServer("a", "192.168.77.2", "intranet.corp.test", "10.77.7.7", "corp.test");
+        servers.push_back(startDnsServer(peer, "192.168.77.3", "printer.home.test", "10.66.6.6", "home.test",
+                                         work.file("home.log")));
+        servers.push_back(startDnsServer(peer, "192.168.77.2", "intranet.corp.test", "10.77.7.7", "corp.test",
+                                         work.file("tunnel.log")));
 
         HelperFixture::Options options;
         options.extraBusPolicy = "  <include ignore_missing=\"no\">" + kResolvedRoot +
@@ -79,26 +67,15 @@ protected:
         ASSERT_EQ(helper->start(), std::nullopt);
         resolved = std::make_unique<BackgroundProgram>("", std::vector<std::string>{kResolved}, work.file("resolved.log"));
         ASSERT_TRUE(eventually([] { return platform::dns::ResolvedLinks::running(); }, std::chrono::seconds(10)))
-            << contents(work.file("resolved.log"));
-        ASSERT_TRUE(eventually([] { return lookUp("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)))
-            << contents(work.file("resolved.log"));
+            << readWholeFile(work.file("resolved.log"));
+        ASSERT_TRUE(eventually([] { return lookUpHost("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)))
+            << readWholeFile(work.file("resolved.log"));
     }
 
     void TearDown() override {
         if (helper) helper->stop();
         resolved.reset();
         servers.clear();
-    }
-
-    void startServer(const std::string& name, const std::string& address, const std::string& host,
-                     const std::string& hostAddress, const std::string& domain) {
-        servers.push_back(std::make_unique<BackgroundProgram>(
-            peer.name(),
-            std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-                                     "--bind-interfaces", "--listen-address=" + address,
-                                     "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
-                                     "--pid-file=/run/dnsmasq-" + name + ".pid", "--log-facility=-"},
-            work.file("dnsmasq-" + name + ".log")));
     }
 
     Dictionary publish(std::vector<std::string> searchDomains) {
@@ -125,7 +102,7 @@ protected:
     }
 
     Dictionary projection() const {
-        const auto value = readPropertyList(contents("/var/run/Korvo/dynamic-store/projection.plist"));
+        const auto value = readPropertyList(readWholeFile("/var/run/Korvo/dynamic-store/projection.plist"));
         return value && value->asDictionary() ? *value->asDictionary() : Dictionary{};
     }
 
@@ -140,25 +117,25 @@ protected:
 TEST_F(ResolvedDnsServiceTest, SplitRoutesOnlyTheTunnelDomainToTheTunnel) {
     ASSERT_EQ(publish({"corp.test"}), Dictionary{}) << helper->helperLog();
     EXPECT_EQ(projection().at("Backend"), Value("systemd-resolved"));
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");  // still the home server's
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");  // still the home server's
     // The search domain reaches programs through resolved's stub file.
     ASSERT_EQ(shell("cat /run/systemd/resolve/stub-resolv.conf > /etc/resolv.conf").exitStatus, 0);
-    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
     ASSERT_EQ(shell("printf '" + std::string("nameserver 127.0.0.53\\noptions edns0 trust-ad\\n") + "' > /etc/resolv.conf").exitStatus, 0);
     restore();
-    EXPECT_EQ(lookUp("intranet.corp.test"), "");
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
-    EXPECT_EQ(contents("/etc/resolv.conf"), kStub);  // never touched with resolved
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kStub);  // never touched with resolved
 }
 
 TEST_F(ResolvedDnsServiceTest, TakeoverSendsEveryQueryToTheTunnel) {
     ASSERT_EQ(publish({}), Dictionary{}) << helper->helperLog();
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("printer.home.test"), "");
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "");
     restore();
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
-    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -31,21 +30,7 @@ const std::string kTunnelA = "192.168.77.2", kTunnelB = "192.168.77.5";
 const std::string kLink = "vh-korvo-peer";
 const std::string kGlobal = "State:/Network/Global/DNS";
 
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
-
-// The name as the user's programs see it: its address, or "" when it does not resolve.
-std::string lookUp(const std::string& name) {
-    const auto result = shell("getent hosts " + name);
-    if (result.exitStatus != 0) return "";
-    return result.output.substr(0, result.output.find_first_of(" \t"));
-}
 
 using Snapshots = std::map<std::string, std::optional<Dictionary>>;
 
@@ -61,28 +46,19 @@ protected:
         ASSERT_TRUE(peer.ok()) << peer.problem();
         ASSERT_EQ(peer.exec("ip addr add 192.168.77.3/24 dev vp-korvo-peer").exitStatus, 0);
         ASSERT_EQ(peer.exec("ip addr add 192.168.77.5/24 dev vp-korvo-peer").exitStatus, 0);
-        startServer("home", "192.168.77.3", "printer.home.test", "10.66.6.6", "home.test");
-        startServer("a", kTunnelA, "intranet.corp.test", "10.77.7.7", "corp.test");
-        startServer("b", kTunnelB, "vault.b.test", "10.55.5.5", "b.test");
-        ASSERT_TRUE(eventually([] { return lookUp("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)));
+        for (const auto& [address, host, hostAddress, domain] :
+             {std::tuple{"192.168.77.3", "printer.home.test", "10.66.6.6", "home.test"},
+              std::tuple{"192.168.77.2", "intranet.corp.test", "10.77.7.7", "corp.test"},
+              std::tuple{"192.168.77.5", "vault.b.test", "10.55.5.5", "b.test"}}) {
+            servers.push_back(startDnsServer(peer, address, host, hostAddress, domain, work.file(host)));
+        }
+        ASSERT_TRUE(eventually([] { return lookUpHost("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)));
         ASSERT_EQ(helper.start(), std::nullopt);
     }
 
     void TearDown() override {
         helper.stop();
         servers.clear();
-    }
-
-    // dnsmasq answering for one name and denying the rest of its domain.
-    void startServer(const std::string& name, const std::string& address, const std::string& host,
-                     const std::string& hostAddress, const std::string& domain) {
-        servers.push_back(std::make_unique<BackgroundProgram>(
-            peer.name(),
-            std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-                                     "--bind-interfaces", "--listen-address=" + address,
-                                     "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
-                                     "--pid-file=/run/dnsmasq-" + name + ".pid", "--log-facility=-"},
-            work.file("dnsmasq-" + name + ".log")));
     }
 
     Dictionary publish(const std::string& service, const std::string& server,
@@ -119,15 +95,15 @@ protected:
 
 TEST_F(TunnelDnsServiceTest, TakeoverAsksOnlyTheTunnelAndRestoreGivesTheFileBackByteForByte) {
     ASSERT_EQ(publish("a", kTunnelA), Dictionary{}) << helper.helperLog();
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("printer.home.test"), "");  // the home server is no longer asked
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "");  // the home server is no longer asked
     helper.stop();
     Snapshots snapshots = absent("a");
     snapshots[kGlobal] = std::nullopt;
     restore(snapshots);
-    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
-    EXPECT_EQ(lookUp("intranet.corp.test"), "");
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
 }
 
 TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
@@ -147,31 +123,31 @@ TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
                                         "    search corp.test home.test\n"),
               std::string::npos)
         << shown.standardOutput;
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
     // The tunnel's server refuses names outside its domain, so glibc asks
     // the home server next; a server that answered NXDOMAIN would end it.
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     helper.stop();
     restore(absent("a"));
-    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
-    EXPECT_EQ(lookUp("intranet"), "");
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUpHost("intranet"), "");
 }
 
 TEST_F(TunnelDnsServiceTest, AHelperKilledInTheMiddleKeepsTheTunnelDnsAndRestoresAfterRestart) {
     ASSERT_EQ(publish("a", kTunnelA, {"corp.test"}), Dictionary{});
-    const std::string written = contents("/etc/resolv.conf");
+    const std::string written = readWholeFile("/etc/resolv.conf");
     ASSERT_EQ(::kill(helper.helperPid(), SIGKILL), 0);
     ASSERT_EQ(helper.waitForHelperExit(), -1);
     helper.stop();
     HelperFixture restarted;
     ASSERT_EQ(restarted.start(), std::nullopt);
-    EXPECT_EQ(contents("/etc/resolv.conf"), written);
-    EXPECT_EQ(lookUp("intranet"), "10.77.7.7");
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), written);
+    EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
     restarted.stop();
     restore(absent("a"));
-    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
-    EXPECT_EQ(lookUp("intranet.corp.test"), "");
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }
 
 // Two connections that both take over DNS. The second one's snapshot of the
@@ -186,8 +162,8 @@ protected:
         b[kGlobal] = Dictionary{{"ServerAddresses", strings({kTunnelA})}, {"InterfaceName", kLink}};
         ASSERT_EQ(publish("a", kTunnelA), Dictionary{});
         ASSERT_EQ(publish("b", kTunnelB), Dictionary{});
-        EXPECT_EQ(lookUp("vault.b.test"), "10.55.5.5");
-        EXPECT_EQ(lookUp("intranet.corp.test"), "");
+        EXPECT_EQ(lookUpHost("vault.b.test"), "10.55.5.5");
+        EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
         helper.stop();
     }
     Snapshots a = absent("a"), b = absent("b");
@@ -195,26 +171,26 @@ protected:
 
 TEST_F(TwoConnectionsTest, SecondRestoredFirst) {
     restore(b);  // the first connection's global entry is back
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("vault.b.test"), "");
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("vault.b.test"), "");
     restore(a);
-    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
 }
 
 TEST_F(TwoConnectionsTest, FirstRestoredFirst) {
     // The first one's restore removes the global entry: the second
     // connection is left with its service DNS, asked first.
     restore(a);
-    EXPECT_EQ(lookUp("vault.b.test"), "10.55.5.5");
-    EXPECT_EQ(lookUp("printer.home.test"), "10.66.6.6");
+    EXPECT_EQ(lookUpHost("vault.b.test"), "10.55.5.5");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     // The second one's restore puts the global entry back as it found it:
     // the first connection's servers, though that connection is gone. Only
     // a reset (or the next connection) clears it.
     restore(b);
-    EXPECT_EQ(lookUp("intranet.corp.test"), "10.77.7.7");
-    EXPECT_EQ(lookUp("printer.home.test"), "");
+    EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
+    EXPECT_EQ(lookUpHost("printer.home.test"), "");
     restore({{kGlobal, std::nullopt}});
-    EXPECT_EQ(contents("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
 }
 
 TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheRestore) {
@@ -223,13 +199,13 @@ TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheR
     const std::string dhcp = "nameserver 192.168.77.3\nsearch home.test\n";
     ASSERT_EQ(shell("printf 'nameserver 192.168.77.3\\nsearch home.test\\n' > /etc/resolv.conf").exitStatus, 0);
     EXPECT_TRUE(helper.waitForLog("was rewritten by another program while the VPN's DNS is in force"));
-    EXPECT_TRUE(eventually([] { return lookUp("intranet.corp.test") == "10.77.7.7"; }));
-    EXPECT_EQ(lookUp("printer.home.test"), "");
+    EXPECT_TRUE(eventually([] { return lookUpHost("intranet.corp.test") == "10.77.7.7"; }));
+    EXPECT_EQ(lookUpHost("printer.home.test"), "");
     helper.stop();
     Snapshots snapshots = absent("a");
     snapshots[kGlobal] = std::nullopt;
     restore(snapshots);
-    EXPECT_EQ(contents("/etc/resolv.conf"), dhcp);
+    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), dhcp);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Stand-ins for unit tests of the tunnel DNS request: a dynamic store kept
 // in memory that can refuse chosen keys, and a snapshot capture that records
-// every call (first capture of a key per transaction wins, as the real one).
+// every call.
 #pragma once
 
 #include <map>
@@ -8,7 +8,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "platform/DynamicStore.h"
@@ -58,25 +57,14 @@ public:
         std::string transactionIdentifier, storeKey;
         std::optional<Dictionary> currentSettings;
     };
-    std::vector<Capture> captures;                     // every call
-    std::map<std::pair<std::string, std::string>, std::optional<Dictionary>> kept;  // first per key
-    std::optional<std::string> failingKey;             // capture of this key fails
+    std::vector<Capture> captures;          // every call
+    std::optional<std::string> failingKey;  // capture of this key fails
 
     MaybeError captureDynamicStoreSnapshot(const std::string& transactionIdentifier, const std::string& storeKey,
                                            const std::optional<Dictionary>& currentSettings) override {
         captures.push_back({transactionIdentifier, storeKey, currentSettings});
         if (failingKey == storeKey) return errorWithKorvoErrorCode(kGeneralErrorCode, "capture failed");
-        kept.emplace(std::make_pair(transactionIdentifier, storeKey), currentSettings);
         return std::nullopt;
-    }
-
-    // Puts every kept value back, as restoring the transaction does.
-    void restore(const std::string& transactionIdentifier, platform::DynamicStoreSession& session) const {
-        for (const auto& [id, value] : kept) {
-            if (id.first != transactionIdentifier) continue;
-            if (value) (void)session.setValue(id.second, *value);
-            else (void)session.removeValue(id.second);
-        }
     }
 };
 

@@ -24,13 +24,13 @@ extern char** environ;
 
 namespace korvo::test {
 
-namespace {
-
 std::string readWholeFile(const std::string& path) {
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
 }
+
+namespace {
 
 std::string withoutTrailingNewlines(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
@@ -317,6 +317,24 @@ std::string PeerNamespace::startWireGuard(const std::string& interfaceName, cons
               "addr add 10.77.0.1/32 dev " + interfaceName + "\n" + ipn + "link set " + interfaceName + " up\n" + ipn +
               "route add 10.77.0.2/32 dev " + interfaceName + "\n");
     return result.exitStatus == 0 ? "" : "peer wireguard: " + result.output;
+}
+
+std::unique_ptr<BackgroundProgram> startDnsServer(const PeerNamespace& peer, const std::string& listenAddress,
+                                                  const std::string& host, const std::string& hostAddress,
+                                                  const std::string& domain, const std::string& logPath) {
+    return std::make_unique<BackgroundProgram>(
+        peer.name(),
+        std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+                                 "--bind-interfaces", "--listen-address=" + listenAddress,
+                                 "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
+                                 "--pid-file=/run/dnsmasq-" + listenAddress + ".pid", "--log-facility=-"},
+        logPath);
+}
+
+std::string lookUpHost(const std::string& name) {
+    const auto result = shell("getent hosts " + name);
+    if (result.exitStatus != 0) return "";
+    return result.output.substr(0, result.output.find_first_of(" \t"));
 }
 
 BindMount::BindMount(const std::string& source, const std::string& target) : target_(target) {
