@@ -7,6 +7,10 @@
 #include <cstdlib>
 
 #include "core/ClientAcceptance.h"
+#include "diagnostics/CaptureSuppression.h"
+#include "network/NetworkSystemOperations.h"
+#include "network/RouteConfiguration.h"
+#include "transactions/NetworkTransactions.h"
 #include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "util/Log.h"
@@ -17,7 +21,6 @@ namespace korvo {
 namespace {
 
 constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.utility.networkDiagnostics";
-constexpr std::string_view kNetworkResetQueueLabel = "com.tallowmar.korvo.utility.networkReset";
 
 // Ends the process without running static destructors: request work may still
 // be running on other threads and must not see the process half torn down.
@@ -34,14 +37,20 @@ std::string processTemporaryDirectory() {
     return dir;
 }
 
-// Until the transaction store is wired in, no transaction has a record, and a
-// capture for such a transaction keeps nothing.
-class NoTransactionSnapshots final : public DnsSnapshotCapture {
+// Suppression of diagnostics captures through the service object's count.
+class SuppressionCount final : public CaptureSuppression {
 public:
-    MaybeError captureDynamicStoreSnapshot(const std::string&, const std::string&,
-                                           const std::optional<Dictionary>&) override {
-        return std::nullopt;
+    explicit SuppressionCount(std::atomic<std::int32_t>& count) : count_(count) {}
+    void beginNetworkDiagnosticsSuppression() override { ++count_; }
+    void endNetworkDiagnosticsSuppression() override {
+        std::int32_t value = count_.load();
+        while (value > 0 && !count_.compare_exchange_weak(value, value - 1)) {
+        }
     }
+    void stopPeriodicCaptureIfNeeded() override {}
+
+private:
+    std::atomic<std::int32_t>& count_;
 };
 
 }  // namespace
@@ -80,10 +89,6 @@ private:
 };
 
 KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(services)) {
-    if (services_.makeListener) {
-        listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
-        listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
-    }
     tmpDirPath_ = processTemporaryDirectory();
     // Made before any request can use it; a failure leaves the requests that
     // need it to fail, and says why here.
@@ -93,16 +98,26 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         }
     }
     startedProcesses_ = std::make_unique<StartedProcesses>(services_.storeArea);
-    dnsSnapshots_ = std::make_unique<NoTransactionSnapshots>();
-    tunnelDns_ = std::make_unique<TunnelDns>(services_.dynamicStore, *dnsSnapshots_);
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
     }
     // Each queue needs at most one thread at a time.
     queuePool_ = std::make_shared<WorkerPool>(2);
     networkDiagnosticsQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkDiagnosticsQueueLabel), queuePool_);
-    networkResetQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkResetQueueLabel), queuePool_);
     networkDiagnosticsSuppressionCount_ = 0;
+    captureSuppression_ = std::make_unique<SuppressionCount>(networkDiagnosticsSuppressionCount_);
+    networkSystemOperations_ = std::make_unique<NetworkSystemOperations>();
+    networkTransactions_ = std::make_unique<NetworkTransactions>(NetworkTransactions::Dependencies{
+        services_.storeArea, networkSystemOperations_.get(), startedProcesses_.get(), services_.dynamicStore,
+        captureSuppression_.get(), queuePool_, [this] { return korvoBundle(); }, nullptr});
+    routeConfiguration_ = std::make_unique<RouteConfiguration>(*networkSystemOperations_, *networkTransactions_);
+    tunnelDns_ = std::make_unique<TunnelDns>(services_.dynamicStore, *networkTransactions_);
+    // What an earlier run left to undo is known before any request arrives.
+    networkTransactions_->_loadPersistedNetworkTransactions();
+    if (services_.makeListener) {
+        listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
+        listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
+    }
 }
 
 KorvoHelperTool::~KorvoHelperTool() {
@@ -110,7 +125,36 @@ KorvoHelperTool::~KorvoHelperTool() {
     listener_.reset();
     listenerDelegate_.reset();
     networkDiagnosticsQueue_.reset();
-    networkResetQueue_.reset();
+    routeConfiguration_.reset();
+    tunnelDns_.reset();
+    networkTransactions_.reset();
+}
+
+SerialQueue& KorvoHelperTool::networkResetQueue() { return networkTransactions_->networkResetQueue(); }
+
+void KorvoHelperTool::recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,
+                                            const std::optional<std::string>& transactionIdentifier,
+                                            ErrorReply reply) {
+    networkTransactions_->recordOwnerProcessPID(pid, serviceType, isAmneziaWG, transactionIdentifier, std::move(reply));
+}
+
+void KorvoHelperTool::configureRoutes(const Value& routeOperations, StringReply reply) {
+    routeConfiguration_->configureRoutes(routeOperations, reply);
+}
+
+void KorvoHelperTool::applyNetworkTransaction(const Value& request, ErrorReply reply) {
+    networkTransactions_->applyNetworkTransaction(request, std::move(reply));
+}
+
+void KorvoHelperTool::restoreNetworkTransactionWithIdentifier(const std::optional<std::string>& identifier,
+                                                              ErrorReply reply) {
+    networkTransactions_->restoreNetworkTransactionWithIdentifier(identifier, std::move(reply));
+}
+
+void KorvoHelperTool::resetNetworkConfigurationForIdentifier(const std::optional<std::string>& identifier,
+                                                             const std::optional<std::string>& tunnelInterface,
+                                                             ErrorReply reply) {
+    networkTransactions_->resetNetworkConfigurationForIdentifier(identifier, tunnelInterface, std::move(reply));
 }
 
 void KorvoHelperTool::run() {

@@ -30,10 +30,15 @@
 namespace korvo {
 
 class CSCapturedProcessOutput;
+class CaptureSuppression;
+class NetworkSystemOperations;
+class NetworkTransactions;
+class RouteConfiguration;
 class SerialQueue;
 class WorkerPool;
 
 namespace platform {
+class DynamicStore;
 class ServiceListener;
 class ServiceListenerDelegate;
 class TunnelInterfaceConfigurator;
@@ -64,8 +69,9 @@ struct HelperServices {
     // The run directory and the helper's own store directories beneath it;
     // null: none (a unit test that touches no helper state).
     std::shared_ptr<StoreArea> storeArea;
-    // The dynamic store that tunnel DNS is published in; null: none (the DNS
-    // request then fails as when no session can be opened).
+    // The dynamic store that tunnel DNS is published in and DNS snapshots
+    // are restored into; null: none (the DNS request then fails as when no
+    // session can be opened, and so does restoring a DNS snapshot).
     std::shared_ptr<platform::DynamicStore> dynamicStore;
 
     // The real services: the platform's code signing and tunnel interfaces,
@@ -120,6 +126,15 @@ public:
                                            const std::string& displayName, const std::string& uapiDirectory,
                                            std::uint64_t comPort, PidReply reply);
 
+    // --- Network transactions (NetworkTransactions, RouteConfiguration) ------
+    void recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,
+                               const std::optional<std::string>& transactionIdentifier, ErrorReply reply);
+    void configureRoutes(const Value& routeOperations, StringReply reply);
+    void applyNetworkTransaction(const Value& request, ErrorReply reply);
+    void restoreNetworkTransactionWithIdentifier(const std::optional<std::string>& identifier, ErrorReply reply);
+    void resetNetworkConfigurationForIdentifier(const std::optional<std::string>& identifier,
+                                                const std::optional<std::string>& tunnelInterface, ErrorReply reply);
+
     // --- Process runner -------------------------------------------------------
     // Starts the executable at path after checking its signature; returns the
     // child's process identifier, or -1 with *error set (when error is given).
@@ -169,7 +184,9 @@ public:
     std::optional<std::string> networkDiagnosticsLogPath() const;
     std::int64_t networkDiagnosticsActiveConnectionCount() const;
     SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
-    SerialQueue& networkResetQueue() { return *networkResetQueue_; }
+    SerialQueue& networkResetQueue();
+    NetworkTransactions& networkTransactions() { return *networkTransactions_; }
+    NetworkSystemOperations& networkSystemOperations() { return *networkSystemOperations_; }
     platform::ServiceListener* listener() const { return listener_.get(); }
     const HelperServices& services() const { return services_; }
     // The programs the helper started and the links they made: the only
@@ -186,16 +203,17 @@ private:
     mutable std::recursive_mutex objectLock_;
     std::optional<std::string> tmpDirPath_;
     std::optional<Bundle> korvoBundle_;
-    std::map<std::string, Dictionary> networkTransactions_;
     bool networkDiagnosticsCaptureEnabled_ = false;
     std::optional<std::string> networkDiagnosticsLogPath_;
     std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
     // The threads the two queues below run on.
     std::shared_ptr<WorkerPool> queuePool_;
     std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
-    std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
-    std::unique_ptr<DnsSnapshotCapture> dnsSnapshots_;
+    std::unique_ptr<CaptureSuppression> captureSuppression_;
+    std::unique_ptr<NetworkSystemOperations> networkSystemOperations_;
+    std::unique_ptr<NetworkTransactions> networkTransactions_;
+    std::unique_ptr<RouteConfiguration> routeConfiguration_;
     std::unique_ptr<TunnelDns> tunnelDns_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};

@@ -90,12 +90,46 @@ void addNetworkRequests(Handlers& h) {
     };
 }
 
+// The argument as it came, for operations that check its type themselves;
+// an absent one is an empty string, which no such operation accepts.
+Value anyArgument(const Dictionary& arguments, const std::string& key) {
+    const auto it = arguments.find(key);
+    return it == arguments.end() ? Value() : it->second;
+}
+
+void addTransactionRequests(Handlers& h) {
+    h["recordOwnerProcessPID"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.recordOwnerProcessPID(static_cast<std::int32_t>(integerArgument(args, "pid")),
+                                   integerArgument(args, "serviceType"), booleanArgument(args, "isAmneziaWG"),
+                                   stringArgument(args, "transactionIdentifier"), sendError(std::move(reply)));
+    };
+    h["configureRoutes"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.configureRoutes(anyArgument(args, "routeOperations"),
+                             [reply = std::move(reply)](const MaybeError& error, const std::optional<std::string>& result) {
+                                 reply(resultReply(error, result));
+                             });
+    };
+    h["applyNetworkTransaction"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.applyNetworkTransaction(anyArgument(args, "request"), sendError(std::move(reply)));
+    };
+    h["restoreNetworkTransactionWithIdentifier"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args,
+                                                      ReplySender reply) {
+        tool.restoreNetworkTransactionWithIdentifier(stringArgument(args, "identifier"), sendError(std::move(reply)));
+    };
+    h["resetNetworkConfigurationForIdentifier"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args,
+                                                     ReplySender reply) {
+        tool.resetNetworkConfigurationForIdentifier(stringArgument(args, "identifier"),
+                                                    stringArgument(args, "tunnelInterface"), sendError(std::move(reply)));
+    };
+}
+
 const Handlers& handlers() {
     static const Handlers table = [] {
         Handlers h;
         addSettingRequests(h);
         addConnectRequests(h);
         addNetworkRequests(h);
+        addTransactionRequests(h);
         return h;
     }();
     return table;

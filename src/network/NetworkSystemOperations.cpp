@@ -45,6 +45,17 @@ MaybeError NetworkSystemOperations::_applyRouteOperationAction(std::string_view 
                                     route->hostRoute);
 }
 
+MaybeError NetworkSystemOperations::_deleteRouteAddedByHelper(std::string_view destination,
+                                                              std::string_view gateway, bool isIPv6,
+                                                              std::string_view interfaceName) {
+    if (!interfaceName.empty()) {
+        return routeTable_->deleteHelperInterfaceRoute(std::string(destination), std::string(interfaceName), isIPv6);
+    }
+    Result<GatewayRoute> route = gatewayRouteForOperation("delete", destination, gateway, isIPv6);
+    if (!route) return route.error();
+    return routeTable_->deleteHelperGatewayRoute(route->destination, route->gateway, route->netmask);
+}
+
 MaybeError NetworkSystemOperations::_applyInterfaceRouteOperationAction(std::string_view action,
                                                                         std::string_view destination,
                                                                         std::string_view interfaceName, bool isIPv6) {

@@ -43,6 +43,12 @@ public:
                                         std::uint32_t gatewayLength, const platform::RouteSocketAddress& netmask,
                                         std::uint32_t netmaskLength, bool hostRoute);
 
+    // Deletes the route of an add whose outcome is unknown (the helper died
+    // during it), only when the kernel marks the route as the helper's own:
+    // a route that existed before, whose add then failed, stays.
+    MaybeError _deleteRouteAddedByHelper(std::string_view destination, std::string_view gateway, bool isIPv6,
+                                         std::string_view interfaceName);
+
     // --- Interfaces (errors of code 68) ---------------------------------------
 
     MaybeError _deleteInterfaceIfPresent(std::string_view interfaceName);

@@ -54,6 +54,24 @@ public:
     // interfaceName.
     virtual MaybeError changeInterfaceRoute(bool add, const std::string& destination,
                                             const std::string& interfaceName, bool isIPv6) = 0;
+
+    // Deletes the route as the two calls above do, but only when the helper
+    // itself added it (on Linux: the route carries the helper's routing
+    // protocol number); a route of the same shape that someone else added
+    // stays, and that is a success. For undoing an add whose outcome a
+    // crash left unknown. A table that cannot tell whose a route is deletes
+    // nothing and says so.
+    virtual MaybeError deleteHelperGatewayRoute(const RouteSocketAddress& destination,
+                                                const RouteSocketAddress& gateway,
+                                                const RouteSocketAddress& netmask) {
+        (void)destination, (void)gateway, (void)netmask;
+        return errorWithKorvoErrorCode(kRoutingErrorCode, "Route operation failed: the owner of a route cannot be told");
+    }
+    virtual MaybeError deleteHelperInterfaceRoute(const std::string& destination, const std::string& interfaceName,
+                                                  bool isIPv6) {
+        (void)destination, (void)interfaceName, (void)isIPv6;
+        return errorWithKorvoErrorCode(kRoutingErrorCode, "Route operation failed: the owner of a route cannot be told");
+    }
 };
 
 // The platform's routing table. Thread-safe; it may hold one open socket for

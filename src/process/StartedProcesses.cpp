@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <limits>
 
 #include "util/FileSystem.h"
@@ -97,6 +98,31 @@ StartedProcesses::SignalOutcome StartedProcesses::signal(pid_t pid, int signalNu
         return errno == ESRCH ? SignalOutcome::Gone : SignalOutcome::Failed;
     }
     return SignalOutcome::Sent;
+}
+
+StartedProcesses::OwnerOutcome StartedProcesses::signalExecutable(pid_t pid, int signalNumber,
+                                                                  const std::string& expectedExecutable,
+                                                                  std::string* actualExecutable) {
+    if (actualExecutable) actualExecutable->clear();
+    if (pid <= 0) return OwnerOutcome::Gone;
+    const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (!pidfd) return errno == ESRCH ? OwnerOutcome::Gone : OwnerOutcome::Failed;
+    std::error_code error;
+    const auto actual = std::filesystem::read_symlink(formatString("/proc/%d/exe", pid), error);
+    // Read while the pidfd's process still had the pid: the path is its own.
+    if (error || ::syscall(SYS_pidfd_send_signal, pidfd.get(), 0, nullptr, 0) != 0) return OwnerOutcome::Gone;
+    if (actualExecutable) *actualExecutable = actual.string();
+    const auto resolvedActual = std::filesystem::weakly_canonical(actual, error);
+    const auto resolvedExpected = std::filesystem::weakly_canonical(expectedExecutable, error);
+    if (error || resolvedActual != resolvedExpected) return OwnerOutcome::OtherExecutable;
+
+    std::lock_guard lock(mutex_);
+    const auto it = entries_.find(pid);
+    if (it == entries_.end() || !stillRunning(pid, it->second)) return OwnerOutcome::NotStarted;
+    if (::syscall(SYS_pidfd_send_signal, pidfd.get(), signalNumber, nullptr, 0) != 0) {
+        return errno == ESRCH ? OwnerOutcome::Gone : OwnerOutcome::Failed;
+    }
+    return OwnerOutcome::Sent;
 }
 
 void StartedProcesses::forgetLink(const std::string& interfaceName) {

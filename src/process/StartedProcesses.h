@@ -48,6 +48,16 @@ public:
     // holds it). Gone when it has exited meanwhile.
     SignalOutcome signal(pid_t pid, int signalNumber);
 
+    // The same for a process that must also still run expectedExecutable:
+    // while the pidfd holds the process, /proc/PID/exe is read and, with
+    // symbolic links resolved on both sides, compared with it. A process
+    // running anything else is OtherExecutable and never signalled, whether
+    // it is in the table or not; actualExecutable receives the path the
+    // kernel gave (empty when it gave none: Gone).
+    enum class OwnerOutcome { Sent, Gone, OtherExecutable, NotStarted, Failed };
+    OwnerOutcome signalExecutable(pid_t pid, int signalNumber, const std::string& expectedExecutable,
+                                  std::string* actualExecutable);
+
     // Forgets a link (deleted) or a process that has exited, with its links.
     void forgetLink(const std::string& interfaceName);
     void forgetExited();

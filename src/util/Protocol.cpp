@@ -26,6 +26,9 @@ const std::vector<Operation>& helperOperations() {
          ReplyShape::Pid},
         {"connectWireGuardWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
         {"connectAmneziaWGWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
+        {"recordOwnerProcessPID",
+         {{"pid", T::Int32}, {"serviceType", T::Int64}, {"isAmneziaWG", T::Boolean}, {"transactionIdentifier", T::String}},
+         ReplyShape::Error},
         {"updateNameServerAddresses",
          {{"nameServerAddresses", T::StringArray},
           {"searchDomains", T::StringArray},
@@ -37,6 +40,11 @@ const std::vector<Operation>& helperOperations() {
           {"IPv6Addresses", T::StringArray},
           {"IPv6PrefixLengths", T::Int64Array},
           {"transactionIdentifier", T::String}},
+         ReplyShape::Error},
+        {"configureRoutes", {{"routeOperations", T::Any}}, ReplyShape::Result},
+        {"applyNetworkTransaction", {{"request", T::Any}}, ReplyShape::Error},
+        {"restoreNetworkTransactionWithIdentifier", {{"identifier", T::String}}, ReplyShape::Error},
+        {"resetNetworkConfigurationForIdentifier", {{"identifier", T::String}, {"tunnelInterface", T::String}},
          ReplyShape::Error},
     };
     return operations;

@@ -88,6 +88,31 @@ std::optional<NetlinkRouteTable::KernelRoute> interfaceRouteDestination(std::str
 
 }  // namespace
 
+MaybeError NetlinkRouteTable::deleteHelperGatewayRoute(const RouteSocketAddress& destination,
+                                                       const RouteSocketAddress& gateway,
+                                                       const RouteSocketAddress& netmask) {
+    KernelRoute route;
+    route.family = destination.family;
+    route.prefixLength = prefixLengthOfNetmask(netmask, destination.family);
+    route.destination = destination;
+    clearHostBits(route.destination, route.prefixLength);
+    route.gateway = gateway;
+    if (destination.family == AddressFamily::IPv6) route.outputInterface = gateway.scopeId;
+    route.onlyHelperRoute = true;
+    return apply(route);
+}
+
+MaybeError NetlinkRouteTable::deleteHelperInterfaceRoute(const std::string& destination,
+                                                         const std::string& interfaceName, bool isIPv6) {
+    std::optional<KernelRoute> route = interfaceRouteDestination(destination, isIPv6);
+    if (!route) return routeFailure(EINVAL, "bad destination '" + destination + "'");
+    route->outputInterface =
+        interfaceName.find('\0') == std::string::npos ? if_nametoindex(interfaceName.c_str()) : 0;
+    if (route->outputInterface == 0) return std::nullopt;
+    route->onlyHelperRoute = true;
+    return apply(*route);
+}
+
 MaybeError NetlinkRouteTable::sendRouteMessage(std::uint8_t type, const RouteSocketAddress& destination,
                                                std::uint32_t, const RouteSocketAddress& gateway, std::uint32_t,
                                                const RouteSocketAddress& netmask, std::uint32_t, bool) {
@@ -141,6 +166,8 @@ MaybeError NetlinkRouteTable::apply(const KernelRoute& route) {
         rtm->rtm_scope = !ipv6 && !route.gateway ? RT_SCOPE_LINK : RT_SCOPE_UNIVERSE;
     } else {
         rtm->rtm_scope = RT_SCOPE_NOWHERE;
+        // The kernel matches a delete's protocol when one is given.
+        if (route.onlyHelperRoute) rtm->rtm_protocol = kKorvoRouteProtocol;
     }
     const auto size = static_cast<std::uint16_t>(addressSize(route.family));
     mnl_attr_put(nlh, RTA_DST, size, route.destination.address.data());

@@ -26,6 +26,10 @@ public:
                                 std::uint32_t netmaskLength, bool hostRoute) override;
     MaybeError changeInterfaceRoute(bool add, const std::string& destination, const std::string& interfaceName,
                                     bool isIPv6) override;
+    MaybeError deleteHelperGatewayRoute(const RouteSocketAddress& destination, const RouteSocketAddress& gateway,
+                                        const RouteSocketAddress& netmask) override;
+    MaybeError deleteHelperInterfaceRoute(const std::string& destination, const std::string& interfaceName,
+                                          bool isIPv6) override;
 
     // One route as the kernel is asked for it.
     struct KernelRoute {
@@ -35,6 +39,8 @@ public:
         std::uint8_t prefixLength = 0;
         std::optional<RouteSocketAddress> gateway;
         unsigned outputInterface = 0;  // 0: none
+        // A delete matches only a route of the helper's protocol number.
+        bool onlyHelperRoute = false;
     };
 
 private:
