@@ -3,7 +3,6 @@
 // installed), serving on the test's private system bus in the test's
 // namespaces. The home network's server is resolved's global DNS; the
 // tunnel's server is set on the tunnel link; getent asks resolved's stub.
-#include <signal.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/linux/dns/LinuxDynamicStore.h"
 #include "platform/linux/dns/ResolvedLinks.h"
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
@@ -39,9 +37,10 @@ protected:
         work.write("group", readWholeFile("/etc/group") + "systemd-resolve:x:991:\n");
         work.write("resolv.conf", kStub);
         std::filesystem::create_directories(work.file("varlib"));
+        std::filesystem::create_directories(work.file("run"));
         for (const auto& [file, target] : {std::pair{"passwd", "/etc/passwd"}, std::pair{"group", "/etc/group"},
                                            std::pair{"resolv.conf", "/etc/resolv.conf"},
-                                           std::pair{"varlib", "/var/lib"}}) {
+                                           std::pair{"varlib", "/var/lib"}, std::pair{"run", "/var/run/Korvo"}}) {
             mounts.push_back(std::make_unique<BindMount>(work.file(file), target));
             ASSERT_TRUE(mounts.back()->ok()) << target;
         }
@@ -79,6 +78,11 @@ protected:
     }
 
     Dictionary publish(std::vector<std::string> searchDomains) {
+        const Dictionary transaction{
+            {"identifier", "tx-a"}, {"action", "reset-network"}, {"activeTransactionIdentifiers", strings({"tx-a"})}};
+        if (auto reply = helper->call("applyNetworkTransaction", {{"request", transaction}}); !reply.empty()) {
+            return reply;
+        }
         return helper->call("updateNameServerAddresses", {{"nameServerAddresses", strings({"192.168.77.2"})},
                                                           {"searchDomains", strings(searchDomains)},
                                                           {"serviceIdentifier", "a"},
@@ -87,19 +91,7 @@ protected:
                                                           {"transactionIdentifier", "tx-a"}});
     }
 
-    // What restoring the transaction does: the keys it added go again. The
-    // helper ends first; the bus stays for resolved.
-    void restore() {
-        ASSERT_EQ(::kill(helper->helperPid(), SIGTERM), 0);
-        ASSERT_TRUE(helper->waitForHelperExit().has_value());
-        platform::dns::LinuxDynamicStore store(
-            {std::make_shared<StoreArea>("/var/run/Korvo", std::nullopt), {}, &platform::dns::ResolvedLinks::running,
-             false});
-        for (const char* key : {"State:/Network/Service/a/IPv4", "State:/Network/Service/a/DNS",
-                                "State:/Network/Global/DNS"}) {
-            ASSERT_FALSE(store.removeValue(key)) << key;
-        }
-    }
+    Dictionary restore() { return helper->call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-a"}}); }
 
     Dictionary projection() const {
         const auto value = readPropertyList(readWholeFile("/var/run/Korvo/dynamic-store/projection.plist"));
@@ -123,7 +115,7 @@ TEST_F(ResolvedDnsServiceTest, SplitRoutesOnlyTheTunnelDomainToTheTunnel) {
     ASSERT_EQ(shell("cat /run/systemd/resolve/stub-resolv.conf > /etc/resolv.conf").exitStatus, 0);
     EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
     ASSERT_EQ(shell("printf '" + std::string("nameserver 127.0.0.53\\noptions edns0 trust-ad\\n") + "' > /etc/resolv.conf").exitStatus, 0);
-    restore();
+    ASSERT_EQ(restore(), Dictionary{});
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kStub);  // never touched with resolved
@@ -133,7 +125,7 @@ TEST_F(ResolvedDnsServiceTest, TakeoverSendsEveryQueryToTheTunnel) {
     ASSERT_EQ(publish({}), Dictionary{}) << helper->helperLog();
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("printer.home.test"), "");
-    restore();
+    ASSERT_EQ(restore(), Dictionary{});
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }

@@ -1,12 +1,8 @@
 // Tunnel DNS through the real helper on a private bus: the helper projects
 // what it publishes onto a private /etc/resolv.conf (bind-mounted, as in a
 // container), dnsmasq in a peer namespace plays the tunnels' DNS servers and
-// the home network's, and getent is the user's view.
-//
-// Restoring a transaction is played by the test (after the helper has
-// stopped): it puts back the values that the DNS snapshots hold by the
-// snapshot rules (the first capture of a key wins) through a store opened on
-// the helper's own files, as the restore request does.
+// the home network's, and getent is the user's view. Each connection opens
+// its transaction first and restores it at the end, as the client does.
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -15,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/linux/dns/LinuxDynamicStore.h"
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
 
@@ -28,11 +23,8 @@ const std::string kOriginal =
     "# home network\nnameserver 192.168.77.3\nsearch home.test\noptions timeout:1 attempts:1";
 const std::string kTunnelA = "192.168.77.2", kTunnelB = "192.168.77.5";
 const std::string kLink = "vh-korvo-peer";
-const std::string kGlobal = "State:/Network/Global/DNS";
 
 Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
-
-using Snapshots = std::map<std::string, std::optional<Dictionary>>;
 
 class TunnelDnsServiceTest : public ::testing::Test {
 protected:
@@ -40,9 +32,13 @@ protected:
         ASSERT_TRUE(runningIsolated()) << "run through tests/support/isolated";
         std::filesystem::create_directories(work.file("varlib"));
         work.write("resolv.conf", kOriginal);
-        resolvConf = std::make_unique<BindMount>(work.file("resolv.conf"), "/etc/resolv.conf");
-        varLib = std::make_unique<BindMount>(work.file("varlib"), "/var/lib");
-        ASSERT_TRUE(resolvConf->ok() && varLib->ok());
+        std::filesystem::create_directories(work.file("run"));
+        // The run directory too, so that no test finds another's store.
+        for (const auto& [file, target] : {std::pair{"resolv.conf", "/etc/resolv.conf"},
+                                           std::pair{"varlib", "/var/lib"}, std::pair{"run", "/var/run/Korvo"}}) {
+            mounts.push_back(std::make_unique<BindMount>(work.file(file), target));
+            ASSERT_TRUE(mounts.back()->ok()) << target;
+        }
         ASSERT_TRUE(peer.ok()) << peer.problem();
         ASSERT_EQ(peer.exec("ip addr add 192.168.77.3/24 dev vp-korvo-peer").exitStatus, 0);
         ASSERT_EQ(peer.exec("ip addr add 192.168.77.5/24 dev vp-korvo-peer").exitStatus, 0);
@@ -61,8 +57,15 @@ protected:
         servers.clear();
     }
 
-    Dictionary publish(const std::string& service, const std::string& server,
-                       std::vector<std::string> searchDomains = {}) {
+    // Opens the connection's transaction (sparing the other one from the
+    // sweep) and publishes its DNS.
+    static Dictionary publish(HelperFixture& helper, const std::string& service, const std::string& server,
+                              std::vector<std::string> searchDomains = {}) {
+        const Dictionary request{{"identifier", "tx-" + service},
+                                 {"action", "reset-network"},
+                                 {"tunnelInterface", "utun9"},
+                                 {"activeTransactionIdentifiers", strings({"tx-a", "tx-b"})}};
+        if (auto reply = helper.call("applyNetworkTransaction", {{"request", request}}); !reply.empty()) return reply;
         return helper.call("updateNameServerAddresses", {{"nameServerAddresses", strings({server})},
                                                          {"searchDomains", strings(searchDomains)},
                                                          {"serviceIdentifier", service},
@@ -70,24 +73,17 @@ protected:
                                                          {"IPv4Addresses", strings({"192.168.77.1"})},
                                                          {"transactionIdentifier", "tx-" + service}});
     }
-
-    // Puts the snapshots back as restoring their transaction does, with the
-    // helper's files.
-    void restore(const Snapshots& snapshots) {
-        auto area = std::make_shared<StoreArea>("/var/run/Korvo", std::nullopt);
-        platform::dns::LinuxDynamicStore store({area, {}, nullptr, false});
-        for (const auto& [key, value] : snapshots) {
-            ASSERT_FALSE(value ? store.setValue(key, *value) : store.removeValue(key)) << key;
-        }
+    Dictionary publish(const std::string& service, const std::string& server,
+                       std::vector<std::string> searchDomains = {}) {
+        return publish(helper, service, server, std::move(searchDomains));
     }
-
-    static Snapshots absent(const std::string& service) {
-        const std::string key = "State:/Network/Service/" + service;
-        return {{key + "/IPv4", std::nullopt}, {key + "/DNS", std::nullopt}};
+    static Dictionary restore(HelperFixture& helper, const std::string& service) {
+        return helper.call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-" + service}});
     }
+    Dictionary restore(const std::string& service) { return restore(helper, service); }
 
     TempDir work;
-    std::unique_ptr<BindMount> resolvConf, varLib;
+    std::vector<std::unique_ptr<BindMount>> mounts;
     PeerNamespace peer;
     std::vector<std::unique_ptr<BackgroundProgram>> servers;
     HelperFixture helper;
@@ -97,16 +93,16 @@ TEST_F(TunnelDnsServiceTest, TakeoverAsksOnlyTheTunnelAndRestoreGivesTheFileBack
     ASSERT_EQ(publish("a", kTunnelA), Dictionary{}) << helper.helperLog();
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("printer.home.test"), "");  // the home server is no longer asked
-    helper.stop();
-    Snapshots snapshots = absent("a");
-    snapshots[kGlobal] = std::nullopt;
-    restore(snapshots);
+    ASSERT_EQ(restore("a"), Dictionary{});
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
 }
 
 TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
+    const Dictionary transaction{
+        {"identifier", "tx-a"}, {"action", "reset-network"}, {"activeTransactionIdentifiers", strings({"tx-a"})}};
+    ASSERT_EQ(helper.call("applyNetworkTransaction", {{"request", transaction}}), Dictionary{});
     const auto sent = helper.runClient({HelperFixture::korvoctlPath(), "updateNameServerAddresses",
                                         "nameServerAddresses=" + kTunnelA, "searchDomains=corp.test",
                                         "serviceIdentifier=a", "interfaceName=" + kLink,
@@ -128,8 +124,7 @@ TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
     // The tunnel's server refuses names outside its domain, so glibc asks
     // the home server next; a server that answered NXDOMAIN would end it.
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
-    helper.stop();
-    restore(absent("a"));
+    ASSERT_EQ(restore("a"), Dictionary{});
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet"), "");
 }
@@ -144,8 +139,7 @@ TEST_F(TunnelDnsServiceTest, AHelperKilledInTheMiddleKeepsTheTunnelDnsAndRestore
     ASSERT_EQ(restarted.start(), std::nullopt);
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), written);
     EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
-    restarted.stop();
-    restore(absent("a"));
+    ASSERT_EQ(restore(restarted, "a"), Dictionary{});
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }
@@ -158,38 +152,39 @@ protected:
     void SetUp() override {
         TunnelDnsServiceTest::SetUp();
         if (HasFatalFailure()) return;
-        a[kGlobal] = std::nullopt;
-        b[kGlobal] = Dictionary{{"ServerAddresses", strings({kTunnelA})}, {"InterfaceName", kLink}};
         ASSERT_EQ(publish("a", kTunnelA), Dictionary{});
         ASSERT_EQ(publish("b", kTunnelB), Dictionary{});
         EXPECT_EQ(lookUpHost("vault.b.test"), "10.55.5.5");
         EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
-        helper.stop();
     }
-    Snapshots a = absent("a"), b = absent("b");
 };
 
 TEST_F(TwoConnectionsTest, SecondRestoredFirst) {
-    restore(b);  // the first connection's global entry is back
+    ASSERT_EQ(restore("b"), Dictionary{});  // the first connection's global entry is back
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("vault.b.test"), "");
-    restore(a);
+    ASSERT_EQ(restore("a"), Dictionary{});
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
 }
 
 TEST_F(TwoConnectionsTest, FirstRestoredFirst) {
     // The first one's restore removes the global entry: the second
     // connection is left with its service DNS, asked first.
-    restore(a);
+    ASSERT_EQ(restore("a"), Dictionary{});
     EXPECT_EQ(lookUpHost("vault.b.test"), "10.55.5.5");
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     // The second one's restore puts the global entry back as it found it:
-    // the first connection's servers, though that connection is gone. Only
-    // a reset (or the next connection) clears it.
-    restore(b);
+    // the first connection's servers, though that connection is gone, and
+    // no transaction is left to remove it.
+    ASSERT_EQ(restore("b"), Dictionary{});
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("printer.home.test"), "");
-    restore({{kGlobal, std::nullopt}});
+    // A reboot empties the run directory, and the helper's start puts the
+    // machine's file back.
+    helper.stop();
+    ASSERT_EQ(::unlink("/var/run/Korvo/dynamic-store/store.plist"), 0);
+    HelperFixture rebooted;
+    ASSERT_EQ(rebooted.start(), std::nullopt);
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
 }
 
@@ -201,10 +196,7 @@ TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheR
     EXPECT_TRUE(helper.waitForLog("was rewritten by another program while the VPN's DNS is in force"));
     EXPECT_TRUE(eventually([] { return lookUpHost("intranet.corp.test") == "10.77.7.7"; }));
     EXPECT_EQ(lookUpHost("printer.home.test"), "");
-    helper.stop();
-    Snapshots snapshots = absent("a");
-    snapshots[kGlobal] = std::nullopt;
-    restore(snapshots);
+    ASSERT_EQ(restore("a"), Dictionary{});
     EXPECT_EQ(readWholeFile("/etc/resolv.conf"), dhcp);
 }
 

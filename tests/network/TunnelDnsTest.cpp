@@ -3,19 +3,20 @@
 #include <gtest/gtest.h>
 
 #include "network/TunnelDns.h"
-#include "support/DnsFakes.h"
+#include "support/FakeDynamicStore.h"
+#include "support/RecordingSnapshots.h"
 #include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
 
-using test::MemoryDynamicStore;
+using test::FakeDynamicStore;
 using test::RecordingSnapshots;
 
 const std::string kService = "State:/Network/Service/svc";
 
 struct DnsRun {
-    std::shared_ptr<MemoryDynamicStore> store = std::make_shared<MemoryDynamicStore>();
+    std::shared_ptr<FakeDynamicStore> store = std::make_shared<FakeDynamicStore>();
     RecordingSnapshots snapshots;
     MaybeError update(const NameServerSettings& s) { return TunnelDns(store, snapshots).updateNameServerAddresses(s); }
     const Dictionary* value(const std::string& key) const {
@@ -140,19 +141,19 @@ TEST(TunnelDnsTest, FailuresStopAtOnceAndKeepWhatWasWritten) {
     const Case cases[] = {
         {"no service identifier", [](DnsRun&, auto& s) { s.serviceIdentifier.reset(); },
          "Request to update DNS settings without service identifier! Stopping here!", {}},
-        {"no session", [](DnsRun& r, auto&) { r.store->sessionFails = true; },
+        {"no session", [](DnsRun& r, auto&) { r.store->openable = false; },
          "Could not create dynamic store to change DNS settings.", {}},
-        {"IPv4 refused", [](DnsRun& r, auto&) { r.store->refusedKeys.insert(kService + "/IPv4"); },
+        {"IPv4 refused", [](DnsRun& r, auto&) { r.store->refuse.insert(kService + "/IPv4"); },
          "Could not update tunnel IPv4 settings for DNS.", {}},
         {"IPv6 refused",
          [](DnsRun& r, auto& s) {
              s.IPv6Addresses = std::vector<std::string>{"fd00::2"};
-             r.store->refusedKeys.insert(kService + "/IPv6");
+             r.store->refuse.insert(kService + "/IPv6");
          },
          "Could not update tunnel IPv6 settings for DNS.", {kService + "/IPv4"}},
-        {"service DNS refused", [&](DnsRun& r, auto&) { r.store->refusedKeys.insert(dns); }, "Could not update DNS settings.",
+        {"service DNS refused", [&](DnsRun& r, auto&) { r.store->refuse.insert(dns); }, "Could not update DNS settings.",
          {kService + "/IPv4"}},
-        {"global DNS refused", [](DnsRun& r, auto&) { r.store->refusedKeys.insert("State:/Network/Global/DNS"); },
+        {"global DNS refused", [](DnsRun& r, auto&) { r.store->refuse.insert("State:/Network/Global/DNS"); },
          "Could not update DNS settings.", {kService + "/IPv4", kService + "/DNS"}},
         {"the DNS capture fails", [&](DnsRun& r, auto&) { r.snapshots.failingKey = dns; }, "capture failed",
          {kService + "/IPv4"}},
@@ -168,8 +169,8 @@ TEST(TunnelDnsTest, FailuresStopAtOnceAndKeepWhatWasWritten) {
         EXPECT_EQ(error->code, kGeneralErrorCode);
         EXPECT_EQ(test::errorMessage(error), c.message);
         EXPECT_EQ(run.store->writes, c.written);
-        if (run.store->sessionFails) {
-            EXPECT_TRUE(log.contains("SCDynamicStoreCreate() failed: no store"));
+        if (!run.store->openable) {
+            EXPECT_TRUE(log.contains("SCDynamicStoreCreate() failed: refused"));
         }
     }
 }
