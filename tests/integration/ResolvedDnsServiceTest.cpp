@@ -130,5 +130,32 @@ TEST_F(ResolvedDnsServiceTest, TakeoverSendsEveryQueryToTheTunnel) {
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }
 
+// The client names the interface: a link whose DNS another manager set (as
+// NetworkManager does over the same API) is not the helper's to change.
+TEST_F(ResolvedDnsServiceTest, ALinkWithAnotherManagersDnsIsLeftAlone) {
+    ASSERT_EQ(shell("ip link del home0 2>/dev/null; ip link add home0 type veth peer name home1 && ip link set home0 up")
+                  .exitStatus,
+              0);
+    const std::string index = shell("ip -o link show home0 | cut -d: -f1").output;
+    ASSERT_EQ(shell("busctl --system call org.freedesktop.resolve1 /org/freedesktop/resolve1 "
+                    "org.freedesktop.resolve1.Manager SetLinkDNS 'ia(iay)' " + index.substr(0, index.find('\n')) +
+                    " 1 2 4 192 168 77 3").exitStatus, 0);
+    const Dictionary transaction{
+        {"identifier", "tx-a"}, {"action", "reset-network"}, {"activeTransactionIdentifiers", strings({"tx-a"})}};
+    ASSERT_EQ(helper->call("applyNetworkTransaction", {{"request", transaction}}), Dictionary{});
+    const auto reply = helper->call("updateNameServerAddresses", {{"nameServerAddresses", strings({"192.168.77.2"})},
+                                                                  {"serviceIdentifier", "a"},
+                                                                  {"interfaceName", "home0"},
+                                                                  {"IPv4Addresses", strings({"192.168.77.1"})},
+                                                                  {"transactionIdentifier", "tx-a"}});
+    EXPECT_EQ(errorMessageOf(reply), "Could not update DNS settings.");
+    EXPECT_TRUE(helper->waitForLog("Error: Not setting the VPN's DNS on 'home0': another program manages its DNS."));
+    const auto servers = shell(kResolvedRoot + "/usr/bin/resolvectl dns home0").output;
+    EXPECT_NE(servers.find("192.168.77.3"), std::string::npos) << servers;
+    EXPECT_EQ(servers.find("192.168.77.2"), std::string::npos) << servers;
+    EXPECT_EQ(restore(), Dictionary{});
+    shell("ip link del home0");
+}
+
 }  // namespace
 }  // namespace korvo::test

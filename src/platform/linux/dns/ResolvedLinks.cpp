@@ -54,6 +54,17 @@ KorvoError resolvedError(const std::string& interfaceName, const sdbus::Error& e
                                                 interfaceName.c_str()));
 }
 
+// Whether another manager (NetworkManager, a DHCP client) has given the link
+// DNS servers: such a link is not a tunnel of the helper's, and setting or
+// later reverting it would take that manager's DNS away.
+bool hasForeignServers(sdbus::IConnection& connection, sdbus::IProxy& manager, std::int32_t index) {
+    sdbus::ObjectPath path;
+    manager.callMethod("GetLink").onInterface(kManagerInterface).withArguments(index).storeResultsTo(path);
+    const auto link = sdbus::createProxy(connection, kResolvedName, path);
+    const auto servers = link->getProperty("DNS").onInterface("org.freedesktop.resolve1.Link").get<std::vector<Address>>();
+    return !servers.empty();
+}
+
 }  // namespace
 
 std::vector<LinkDns> linkSettingsForPlan(const DnsPlan& plan) {
@@ -121,6 +132,12 @@ MaybeError ResolvedLinks::apply(const DnsPlan& plan, const std::set<std::string>
         std::vector<sdbus::Struct<std::string, bool>> domains;
         for (const auto& [name, routingOnly] : link.domains) domains.emplace_back(name, routingOnly);
         try {
+            if (previous.count(link.interfaceName) == 0 && hasForeignServers(*connection, *proxy, index)) {
+                logMessage(LOG_ERR, "Error: Not setting the VPN's DNS on '%s': another program manages its DNS.",
+                           link.interfaceName.c_str());
+                return errorWithKorvoErrorCode(
+                    kGeneralErrorCode, formatString("The DNS of '%s' belongs to another program.", link.interfaceName.c_str()));
+            }
             proxy->callMethod("SetLinkDNS").onInterface(kManagerInterface).withArguments(index, addressesOf(link.servers));
             proxy->callMethod("SetLinkDomains").onInterface(kManagerInterface).withArguments(index, domains);
             proxy->callMethod("SetLinkDefaultRoute").onInterface(kManagerInterface).withArguments(index, link.defaultRoute);

@@ -35,7 +35,9 @@ public:
 
     // Sets every link of the plan and reverts the links in previous that
     // the plan no longer names (a link that is gone is skipped). Returns
-    // the links now set in *current.
+    // the links now set in *current. A link outside previous that already
+    // has DNS servers belongs to another manager and is refused: the client
+    // names the interface, and a machine's own link is not the helper's.
     MaybeError apply(const DnsPlan& plan, const std::set<std::string>& previous, std::set<std::string>* current);
 };
 
