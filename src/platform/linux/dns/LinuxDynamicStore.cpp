@@ -168,6 +168,7 @@ MaybeError LinuxDynamicStore::project() {
     status["TakesOver"] = plan.takesOver();
     if (error) status["Problem"] = error->displayText();
     saveProjectionStatus(status);
+    if (watch_) watch_->watchFile();
     return error;
 }
 

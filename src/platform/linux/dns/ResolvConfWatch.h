@@ -5,6 +5,7 @@
 // place), both through inotify, on a thread of its own.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
@@ -23,9 +24,10 @@ public:
     ResolvConfWatch& operator=(const ResolvConfWatch&) = delete;
 
     bool ok() const { return inotify_.valid(); }
+    // Watches the file now at the path (one mounted over it since, say).
+    void watchFile();
 
 private:
-    void watchFile();
     // Reads what is queued; true when an event concerned the file.
     bool readEvents();
     void run();
@@ -33,7 +35,7 @@ private:
     std::string path_, directory_, name_;
     std::function<void()> changed_;
     UniqueFd inotify_, stop_;
-    int fileWatch_ = -1;
+    std::atomic<int> fileWatch_{-1};
     std::thread thread_;
 };
 
