@@ -161,6 +161,20 @@ TEST(LinuxDynamicStoreTest, ALinkedResolvConfIsNeverWrittenThrough) {
     EXPECT_FALSE(store->removeValue("State:/Network/Service/a/DNS"));
 }
 
+TEST(ResolvConfTextTest, OnlyAFileThatLeadsToResolvedMakesResolvedTheBackend) {
+    test::TempDir dir;
+    const std::string path = dir.file("resolv.conf");
+    for (const auto& [text, leads] : {std::pair{"nameserver 127.0.0.53\noptions edns0 trust-ad\nsearch .\n", true},
+                                      std::pair{"nameserver 127.0.0.53\nnameserver 192.0.2.1\n", false},
+                                      std::pair{"nameserver 192.0.2.1\n", false}, std::pair{"# empty\n", false}}) {
+        dir.write("resolv.conf", text);
+        EXPECT_EQ(resolvConfLeadsToResolved(path), leads) << text;
+    }
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    ASSERT_EQ(::symlink("/run/systemd/resolve/stub-resolv.conf", path.c_str()), 0);
+    EXPECT_TRUE(resolvConfLeadsToResolved(path));
+}
+
 TEST(LinuxDynamicStoreTest, WithoutAnOriginalTheFileGoesAwayAgain) {
     Machine m;
     ::unlink(m.paths.resolvConf.c_str());

@@ -146,7 +146,9 @@ MaybeError LinuxDynamicStore::project() {
     const DnsPlan plan = planFromStore(entries_);
     Dictionary status;
     MaybeError error;
-    const bool resolved = options_.resolvedRunning && options_.resolvedRunning();
+    // resolved only helps when the machine's programs ask it.
+    const bool resolved = options_.resolvedRunning && options_.resolvedRunning() &&
+                          resolvConfLeadsToResolved(options_.resolvConf.resolvConf);
     if (resolved) {
         status["Backend"] = "systemd-resolved";
         std::set<std::string> current;

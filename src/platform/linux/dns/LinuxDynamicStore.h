@@ -33,7 +33,8 @@ public:
     struct Options {
         std::shared_ptr<const StoreArea> storeArea;
         ResolvConfPaths resolvConf;
-        // Whether systemd-resolved serves; asked before every projection.
+        // Whether systemd-resolved serves; asked before every projection. It
+        // is used when it serves and resolvConf leads to it.
         std::function<bool()> resolvedRunning;
         bool watchResolvConf = true;
     };

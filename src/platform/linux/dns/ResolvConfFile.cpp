@@ -80,6 +80,18 @@ MaybeError replaceResolverFile(const std::string& path, const std::string& text)
     return fileSystemError(error, FileOperation::Write, path);
 }
 
+bool resolvConfLeadsToResolved(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) return false;
+    if (S_ISLNK(st.st_mode)) return linkOwner(linkTarget(path)) == "systemd-resolved";
+    const auto bytes = readFile(path);
+    if (!bytes) return false;
+    const auto servers = parseResolvConf(textOf(*bytes)).nameServers;
+    return !servers.empty() && std::all_of(servers.begin(), servers.end(), [](const std::string& server) {
+        return server == "127.0.0.53" || server == "127.0.0.54";
+    });
+}
+
 ResolvConfFile::ResolvConfFile(ResolvConfPaths paths) : paths_(std::move(paths)) {}
 
 std::string ResolvConfFile::originalPath() const { return appendPathComponent(paths_.stateDirectory, kOriginalName); }

@@ -65,6 +65,12 @@ private:
     ResolvConfPaths paths_;
 };
 
+// Whether programs that read the resolv.conf at path reach systemd-resolved:
+// a link into resolved's directory, or a file whose only servers are its
+// stub listeners (127.0.0.53, 127.0.0.54). With any other file, settings
+// made in resolved would not reach glibc's resolver.
+bool resolvConfLeadsToResolved(const std::string& path);
+
 // Replaces the file at path with text: through a rename beside it, or in
 // place when the file is a mount point. Keeps the file's owner and mode
 // (0644 for a new one). Never follows a link.
