@@ -10,6 +10,7 @@
 #include "diagnostics/CaptureSuppression.h"
 #include "network/NetworkSystemOperations.h"
 #include "network/RouteConfiguration.h"
+#include "network/TunnelDns.h"
 #include "transactions/NetworkTransactions.h"
 #include "util/Protocol.h"
 #include "platform/ServiceListener.h"

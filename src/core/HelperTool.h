@@ -17,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "network/TunnelDns.h"
 #include "util/Bundle.h"
 #include "util/Error.h"
 #include "platform/CodeSigning.h"
@@ -35,14 +34,15 @@ class NetworkSystemOperations;
 class NetworkTransactions;
 class RouteConfiguration;
 class SerialQueue;
+class TunnelDns;
 class WorkerPool;
+struct NameServerSettings;
 
 namespace platform {
 class DynamicStore;
 class ServiceListener;
 class ServiceListenerDelegate;
 class TunnelInterfaceConfigurator;
-class DynamicStore;
 }  // namespace platform
 
 using ErrorReply = std::function<void(const MaybeError&)>;

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "core/HelperTool.h"
+#include "network/TunnelDns.h"
 
 namespace korvo {
 namespace {
