@@ -5,6 +5,8 @@
 // tunnel's server is set on the tunnel link; getent asks resolved's stub.
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include <filesystem>
 #include <fstream>
 
@@ -64,6 +66,8 @@ protected:
                                  "/usr/share/dbus-1/system.d/org.freedesktop.resolve1.conf</include>\n";
         helper = std::make_unique<HelperFixture>(options);
         ASSERT_EQ(helper->start(), std::nullopt);
+        // Its log goes to its standard error (a file here), never to the machine's log.
+        ::setenv("SYSTEMD_LOG_TARGET", "console", 1);
         resolved = std::make_unique<BackgroundProgram>("", std::vector<std::string>{kResolved}, work.file("resolved.log"));
         ASSERT_TRUE(eventually([] { return platform::dns::ResolvedLinks::running(); }, std::chrono::seconds(10)))
             << readWholeFile(work.file("resolved.log"));
