@@ -121,4 +121,15 @@ MaybeError NetworkSystemOperations::_removeKorvoGeneratedResolverFiles() {
     return std::nullopt;
 }
 
+platform::InterfaceConfiguration NetworkSystemOperations::_saveInterfaceConfiguration(
+    const std::string& interfaceName) {
+    if (!interfaceControl_) return {interfaceName, {}, {}};
+    return interfaceControl_->saveConfiguration(interfaceName);
+}
+
+std::size_t NetworkSystemOperations::_restoreInterfaceConfiguration(
+    const platform::InterfaceConfiguration& configuration) {
+    return interfaceControl_ ? interfaceControl_->restoreConfiguration(configuration) : 0;
+}
+
 }  // namespace korvo

@@ -53,6 +53,11 @@ public:
 
     MaybeError _deleteInterfaceIfPresent(std::string_view interfaceName);
     MaybeError _setInterfaceNamed(std::string_view interfaceName, bool enabled);
+    // The addresses and routes of an interface, and putting back those of
+    // them that are missing (after the interface was down): the count of
+    // those that could not be put back.
+    platform::InterfaceConfiguration _saveInterfaceConfiguration(const std::string& interfaceName);
+    std::size_t _restoreInterfaceConfiguration(const platform::InterfaceConfiguration& configuration);
     // Names beginning with "en", once each, in the system's order; empty when
     // the interfaces cannot be listed.
     std::vector<std::string> _localEthernetInterfaceNames();

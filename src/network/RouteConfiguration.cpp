@@ -7,16 +7,6 @@ namespace {
 
 KorvoError invalid(const char* message) { return errorWithKorvoErrorCode(kInvalidParameterCode, message); }
 
-// Ends the request's journal work however the request ends.
-class FinishRecording {
-public:
-    explicit FinishRecording(TransactionStore& store) : store_(store) {}
-    ~FinishRecording() { store_.finishRequest(); }
-
-private:
-    TransactionStore& store_;
-};
-
 std::string describe(const KorvoError& error, const char* fallback) {
     return error.localizedDescription().value_or(fallback);
 }
@@ -32,8 +22,8 @@ struct RouteConfiguration::Operation {
 
 namespace {
 
-// The operation's values, or the validation message that refuses it.
-Result<RouteConfiguration::Operation*> validate(const Dictionary& d, RouteConfiguration::Operation& op) {
+// Fills op from the dictionary, or gives the validation error that refuses it.
+MaybeError validate(const Dictionary& d, RouteConfiguration::Operation& op) {
     const auto string = [&d](const char* key) { return stringForKey(d, key); };
     const auto action = string(route_key::action);
     if (action != "add" && action != "delete") {
@@ -60,7 +50,7 @@ Result<RouteConfiguration::Operation*> validate(const Dictionary& d, RouteConfig
     op.isIPv6 = *isIPv6->second.boolValue();
     op.interfaceName = string(route_key::interfaceName).value_or("");
     op.transactionIdentifier = string(route_key::transactionIdentifier).value_or("");
-    return &op;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -74,20 +64,48 @@ void RouteConfiguration::configureRoutes(const Value& routeOperations, const Rou
                static_cast<unsigned long>(count));
     if (!operations) return reply(invalid("Invalid route operations payload."), std::nullopt);
 
+    MaybeError failure;
     std::optional<std::string> summary;
-    {
-        const FinishRecording finish(transactions_.store());
-        for (const Value& element : *operations) {
-            const Dictionary* operation = element.asDictionary();
-            if (!operation) return reply(invalid("Invalid route operation entry."), std::nullopt);
-            Result<std::string> line = applyOperation(*operation);
-            if (!line) return reply(line.error(), std::nullopt);
-            summary = summary ? *summary + "\n" + *line : *line;
+    for (const Value& element : *operations) {
+        const Dictionary* operation = element.asDictionary();
+        if (!operation) {
+            failure = invalid("Invalid route operation entry.");
+            break;
+        }
+        Result<std::string> line = applyOperation(*operation);
+        if (!line) {
+            failure = line.error();
+            break;
+        }
+        if (summary) {
+            *summary += '\n';
+            *summary += *line;
+        } else {
+            summary = std::move(*line);
         }
     }
-    logMessage(LOG_NOTICE, "Completed configureRoutes in helper.");
-    reply(std::nullopt, summary);
+    // What the request recorded is on disk before the client hears of it;
+    // rewriting the records from their journals can wait until after.
+    TransactionStore& store = transactions_.store();
+    store.syncJournals();
+    if (failure) {
+        reply(failure, std::nullopt);
+    } else {
+        logMessage(LOG_NOTICE, "Completed configureRoutes in helper.");
+        reply(std::nullopt, summary);
+    }
+    store.foldJournals();
 }
+
+namespace {
+
+void logRecordingFailure(const RouteConfiguration::Operation& op, const KorvoError& error) {
+    logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
+               op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
+               describe(error, "Unknown route recording error").c_str());
+}
+
+}  // namespace
 
 MaybeError RouteConfiguration::claimRoute(const Operation& op) {
     const RouteIdentity identity = NetworkTransactions::_routeIdentityForOperation(op.dictionary);
@@ -111,7 +129,7 @@ MaybeError RouteConfiguration::claimRoute(const Operation& op) {
 
 Result<std::string> RouteConfiguration::applyOperation(const Dictionary& dictionary) {
     Operation op{dictionary, {}, {}, {}, {}, {}, false};
-    if (auto valid = validate(dictionary, op); !valid) return valid.error();
+    if (auto refusal = validate(dictionary, op)) return *refusal;
     const bool recorded = !op.transactionIdentifier.empty();
     if (recorded) {
         if (auto error = claimRoute(op)) return *error;
@@ -122,9 +140,7 @@ Result<std::string> RouteConfiguration::applyOperation(const Dictionary& diction
     if (recorded && op.action == "add") {
         auto sequence = transactions_.store().beginRouteAdd(op.transactionIdentifier, dictionary);
         if (!sequence) {
-            logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
-                       op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
-                       describe(sequence.error(), "Unknown route recording error").c_str());
+            logRecordingFailure(op, sequence.error());
             return sequence.error();
         }
         intent = *sequence;
@@ -146,9 +162,7 @@ Result<std::string> RouteConfiguration::applyOperation(const Dictionary& diction
             const auto inverse = _inverseRouteActionForAction(op.action);
             (void)network_._applyRouteOperationAction(*inverse, op.destination, op.gateway, op.isIPv6,
                                                       op.interfaceName);
-            logMessage(LOG_ERR, "Could not record route operation '%s' destination '%s' gateway '%s' interface '%s': %s",
-                       op.action.c_str(), op.destination.c_str(), op.gateway.c_str(), op.interfaceName.c_str(),
-                       describe(*recording, "Unknown route recording error").c_str());
+            logRecordingFailure(op, *recording);
             return *recording;
         }
     }

@@ -5,7 +5,6 @@
 
 #include "process/ProcessProbe.h"
 #include "transactions/DnsSnapshots.h"
-#include "transactions/TransactionJournal.h"
 #include "util/Log.h"
 
 namespace korvo {
@@ -89,22 +88,6 @@ bool NetworkTransactions::_isNetworkTransactionOrphaned(const std::string& ident
     }
     if (owner.processID <= 0 || owner.serviceType == 0) return false;
     return !processExists(owner.processID);
-}
-
-MaybeError NetworkTransactions::_recordRouteOperation(const Dictionary& operation, const std::string& identifier) {
-    const auto action = stringForKey(operation, route_key::action);
-    std::lock_guard lock(store_.lock());
-    Dictionary* record =
-        action == "add" ? &store_.recordCreatingIfMissingLocked(identifier) : store_.recordLocked(identifier);
-    if (!record) return std::nullopt;
-    const RouteIdentity identity = RouteIdentity::ofOperation(operation);
-    Dictionary updated = *record;
-    Array& routes = mutableActiveRoutes(updated);
-    const std::int64_t index = _indexOfRouteIdentity(identity, routes);
-    if (action == "add" && index == kRouteIdentityNotFound) routes.emplace_back(operation);
-    if (action == "delete" && index != kRouteIdentityNotFound) routes.erase(routes.begin() + index);
-    store_.replaceLocked(identifier, std::move(updated));
-    return store_.persistLocked(identifier);
 }
 
 MaybeError NetworkTransactions::_recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,

@@ -96,10 +96,9 @@ public:
                                                      const std::optional<std::string>& excluding);
     bool transactionListsRoute(const std::string& identifier, const RouteIdentity& identity);
     bool _isNetworkTransactionOrphaned(const std::string& identifier);
-    // Records one applied route operation at once (an add is listed once, a
-    // delete unlists), persisting the record. The route request uses the
-    // journal of the store instead.
-    MaybeError _recordRouteOperation(const Dictionary& operation, const std::string& identifier);
+    // Recording a route operation goes through the store's journal: an add
+    // is begun, then committed or abandoned (beginRouteAdd...); a delete is
+    // recorded once done (recordRouteDelete).
     MaybeError _recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,
                                       const std::string& identifier);
 

@@ -130,9 +130,17 @@ MaybeError NetworkTransactions::deleteTunnelLinkIfOurs(const std::string& name) 
 }
 
 MaybeError NetworkTransactions::bounceEthernetInterface(const std::string& name) {
+    // Linux forgets a link's routes (and IPv6 addresses) when it goes down;
+    // the bounce is to renew the link, not to lose its configuration.
+    const platform::InterfaceConfiguration saved = deps_.network->_saveInterfaceConfiguration(name);
     if (auto error = deps_.network->_setInterfaceNamed(name, false)) return error;
     deps_.sleep(kLinkBounceDelay);
-    return deps_.network->_setInterfaceNamed(name, true);
+    MaybeError enabled = deps_.network->_setInterfaceNamed(name, true);
+    if (const std::size_t lost = deps_.network->_restoreInterfaceConfiguration(saved)) {
+        logMessage(LOG_WARNING, "Could not put back %lu address(es) or route(s) of interface %s after the reset.",
+                   static_cast<unsigned long>(lost), name.c_str());
+    }
+    return enabled;
 }
 
 MaybeError NetworkTransactions::_performResetNetworkConfigurationForIdentifier(

@@ -49,7 +49,8 @@ struct TransactionStore::Journal {
     UniqueFd fd;
     std::string pending;  // commits and deletes not yet written
     int addsUnderWay = 0;
-    bool touched = false;
+    bool touched = false;  // changed since the record file was written
+    bool synced = true;    // no write since the last sync
 };
 
 TransactionStore::TransactionStore(std::shared_ptr<const StoreArea> area) : area_(std::move(area)) {}
@@ -261,6 +262,7 @@ MaybeError TransactionStore::appendLocked(const std::string& identifier, Journal
                                      O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!journal.fd) return persistError(identifier);
     }
+    journal.synced = false;
     std::string bytes = std::move(journal.pending);
     journal.pending.clear();
     bytes += line;
@@ -296,14 +298,10 @@ MaybeError TransactionStore::commitRouteAdd(const std::string& identifier, std::
     if (journal.addsUnderWay > 0) --journal.addsUnderWay;
     journal.touched = true;
     const RouteIdentity identity = RouteIdentity::ofOperation(operation);
+    // The index knows every dictionary the record lists: no walk of them.
     if (!listsLocked(identifier, identity)) {
-        Array& routes = mutableActiveRoutes(record);
-        // A loaded record may list a malformed entry with this identity
-        // that the index leaves out; the array still holds each route once.
-        if (_indexOfRouteIdentity(identity, routes) == kRouteIdentityNotFound) {
-            routes.emplace_back(operation);
-            owners_[identity.key()][identifier] += 1;
-        }
+        mutableActiveRoutes(record).emplace_back(operation);
+        owners_[identity.key()][identifier] += 1;
     }
     // The transaction was restored while the route was being added: its
     // new record needs a file before a journal line may name it.
@@ -335,7 +333,8 @@ MaybeError TransactionStore::recordRouteDelete(const std::string& identifier, co
     if (!record) return std::nullopt;
     Array& routes = mutableActiveRoutes(*record);
     const RouteIdentity identity = RouteIdentity::ofOperation(operation);
-    const std::int64_t index = _indexOfRouteIdentity(identity, routes);
+    const std::int64_t index =
+        listsLocked(identifier, identity) ? _indexOfRouteIdentity(identity, routes) : kRouteIdentityNotFound;
     if (index != kRouteIdentityNotFound) {
         routes.erase(routes.begin() + index);
         auto holders = owners_.find(identity.key());
@@ -348,7 +347,7 @@ MaybeError TransactionStore::recordRouteDelete(const std::string& identifier, co
     return std::nullopt;
 }
 
-void TransactionStore::finishRequest() {
+void TransactionStore::syncJournals() {
     std::lock_guard lock(mutex_);
     for (auto& [identifier, journal] : journals_) {
         if (!journal->touched) continue;
@@ -358,16 +357,23 @@ void TransactionStore::finishRequest() {
                 continue;
             }
         }
-        if (journal->addsUnderWay > 0) continue;
-        journal->touched = false;
+        if (journal->fd && !journal->synced) ::fdatasync(journal->fd.get());
+        journal->synced = true;
+    }
+}
+
+void TransactionStore::foldJournals() {
+    std::lock_guard lock(mutex_);
+    for (auto& [identifier, journal] : journals_) {
+        if (!journal->touched || !journal->pending.empty() || journal->addsUnderWay > 0) continue;
         // The record file takes everything the journal says; only then
         // may the journal start afresh.
         if (auto error = persistLocked(identifier)) {
-            if (journal->fd) ::fdatasync(journal->fd.get());
             logMessage(LOG_ERR, "%s", error->displayText().c_str());
             continue;
         }
-        if (journal->fd && ::ftruncate(journal->fd.get(), 0) != 0) ::fdatasync(journal->fd.get());
+        journal->touched = false;
+        if (journal->fd && ::ftruncate(journal->fd.get(), 0) != 0) journal->touched = true;
     }
 }
 

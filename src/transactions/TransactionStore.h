@@ -88,10 +88,12 @@ public:
     void abandonRouteAdd(const std::string& identifier, std::uint64_t sequence);
     // After a delete: the route is no longer the transaction's.
     MaybeError recordRouteDelete(const std::string& identifier, const Dictionary& operation);
-    // At the end of a request: writes what is pending, syncs, and folds each
-    // journal the request touched into its record file when no other
-    // request has an add under way on it.
-    void finishRequest();
+    // At the end of a request: writes what is pending and syncs each journal
+    // that changed, then (after the reply, as it may take a while) folds
+    // each into its record file when no other request has an add under way
+    // on that transaction.
+    void syncJournals();
+    void foldJournals();
 
 private:
     struct Journal;

@@ -49,11 +49,18 @@ std::size_t helperRouteCount() {
     return static_cast<std::size_t>(std::stoul(out));
 }
 
+// The record as the disk has it: its file with its journal replayed. The
+// journal is read first: it is folded into the file after the reply.
 std::optional<Dictionary> recordFile(const std::string& identifier) {
-    const auto bytes = readFile(kStoreDirectory + transactionFileStem(identifier) + ".plist");
+    const std::string stem = kStoreDirectory + transactionFileStem(identifier);
+    const auto journal = readFile(stem + ".journal");
+    const auto bytes = readFile(stem + ".plist");
     if (!bytes) return std::nullopt;
     auto value = readPropertyList(std::string(bytes->begin(), bytes->end()));
-    return value && value->asDictionary() ? std::optional(*value->asDictionary()) : std::nullopt;
+    if (!value || !value->asDictionary()) return std::nullopt;
+    Dictionary record = *value->asDictionary();
+    if (journal) replayTransactionJournal(record, std::string(journal->begin(), journal->end()));
+    return record;
 }
 
 // A process that exits at once, reaped: its pid names nothing.
@@ -96,7 +103,7 @@ protected:
     }
     void TearDown() override {
         helper.stop();
-        shell("ip link del ktx0; rm -rf /var/run/Korvo");
+        shell("ip link del ktx0; ip link del en0; ip link del tun0; ip link del tap0; rm -rf /var/run/Korvo");
     }
 
     Dictionary configure(const Array& operations) {
@@ -133,12 +140,34 @@ TEST_F(NetworkTransactionServiceTest, RecordsAThousandRoutesAndRestoreUndoesExac
     const Array& routes = *record->at("activeRoutes").asArray();
     ASSERT_EQ(routes.size(), 1000u);
     EXPECT_EQ(routes[999], Value(operations[999]));
-    EXPECT_EQ(readFile(std::string(kStoreDirectory) + transactionFileStem("vpn 1") + ".journal")->size(), 0u);
+    EXPECT_TRUE(test::eventually([] {
+        const auto journal = readFile(std::string(kStoreDirectory) + transactionFileStem("vpn 1") + ".journal");
+        return journal && journal->empty();
+    })) << "the journal is folded into the record";
 
     EXPECT_TRUE(helper.call("restoreNetworkTransactionWithIdentifier", {{"identifier", "vpn 1"}}).empty());
     EXPECT_EQ(shell("ip -4 route show").output, before);
     EXPECT_FALSE(recordFile("vpn 1"));
     EXPECT_TRUE(helper.waitForLog("Restored network transaction 'vpn 1' in ")) << helper.helperLog();
+}
+
+TEST_F(NetworkTransactionServiceTest, KorvoctlSendsARouteFileAndListsTheStore) {
+    ASSERT_EQ(helper.start(), std::nullopt);
+    const test::TempDir dir;
+    const std::string routes = dir.write("routes", "add 10.90.0.0/24 via 10.99.0.2\nadd 10.91.0.0/24 via 10.99.0.2\n");
+    const auto sent = helper.runClient({HelperFixture::korvoctlPath(), "configureRoutes", "routes=" + routes,
+                                        "transaction=office"});
+    EXPECT_EQ(sent.exitStatus, 0) << sent.standardError;
+    EXPECT_THAT(sent.standardOutput, HasSubstr("Added route 10.90.0.0/24 via 10.99.0.2"));
+    helper.call("recordOwnerProcessPID", {{"pid", std::int64_t{4242}},
+                                          {"serviceType", std::int64_t{5}},
+                                          {"isAmneziaWG", true},
+                                          {"transactionIdentifier", "office"}});
+
+    const auto listed = helper.runClient({HelperFixture::korvoctlPath(), "transactions"});
+    EXPECT_EQ(listed.exitStatus, 0) << listed.standardError;
+    EXPECT_EQ(listed.standardOutput, "IDENTIFIER\tOWNER\tROUTES\tDNS KEYS\n"
+                                     "office\tpid 4242 (type 5, AmneziaWG)\t2\t-\n");
 }
 
 TEST_F(NetworkTransactionServiceTest, ARouteIsHeldAgainstLiveOwnersAndReclaimedFromDeadOnes) {
@@ -241,6 +270,36 @@ TEST_F(NetworkTransactionServiceTest, TheSweepEndsNoProcessItDidNotStartAndRepor
     EXPECT_EQ(helperRouteCount(), 0u);
     EXPECT_FALSE(recordFile("stuck"));
     EXPECT_TRUE(recordFile("now"));
+}
+
+// The reset deletes only links that programs the helper started made (tun0
+// and tap0 here are someone else's), and its bounce of an "en" link puts
+// back the routes and addresses the kernel dropped when the link went down.
+TEST_F(NetworkTransactionServiceTest, ResetLeavesOtherSoftwaresLinksAndKeepsTheBouncedLinksConfiguration) {
+    ASSERT_EQ(helper.start(), std::nullopt);
+    ASSERT_EQ(shell("ip tuntap add mode tun name tun0 && ip tuntap add mode tap name tap0"
+                    " && ip link add en0 type veth peer name peer98 && ip link set peer98 up && ip link set en0 up"
+                    " && ip addr add 10.98.0.1/24 dev en0 && ip addr add fd98::1/64 dev en0 nodad"
+                    " && ip route add 10.97.0.0/24 via 10.98.0.2 && ip route add fd97::/64 via fd98::2")
+                  .exitStatus,
+              0);
+    const auto state = [] {
+        return shell("ip -4 route show dev en0; ip -6 route show dev en0 | grep -v fe80; "
+                     "ip addr show dev en0 scope global | grep inet")
+            .output;
+    };
+    const std::string before = state();
+    ASSERT_THAT(before, HasSubstr("fd97::/64 via fd98::2"));
+
+    for (const char* tunnel : {"", "tun0", "en0"}) {
+        const Dictionary reply = helper.call("resetNetworkConfigurationForIdentifier",
+                                             {{"identifier", "x"}, {"tunnelInterface", tunnel}});
+        EXPECT_TRUE(reply.empty()) << tunnel << ": " << test::errorMessageOf(reply);
+        EXPECT_EQ(state(), before) << tunnel;
+    }
+    EXPECT_EQ(shell("ip link show tun0 && ip link show tap0").exitStatus, 0);
+    EXPECT_THAT(shell("ip link show en0").output, HasSubstr(",UP"));
+    EXPECT_EQ(helper.helperLog().find("Could not put back"), std::string::npos) << helper.helperLog();
 }
 
 // The journal decides what a helper killed mid-request added: a route it

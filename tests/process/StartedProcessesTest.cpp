@@ -59,5 +59,32 @@ TEST(StartedProcessesTest, SignalsOnlyTheProcessesItStartedAcrossARestart) {
     ::waitpid(stranger, &status, 0);
 }
 
+// An owner is signalled only while it runs the executable its record names
+// (compared with links resolved), and only when the helper started it.
+TEST(StartedProcessesTest, SignalsAnOwnerOnlyWhileItRunsTheExpectedExecutable) {
+    StartedProcesses table(nullptr);
+    const pid_t ours = startSleeper();
+    const pid_t stranger = startSleeper();
+    ASSERT_TRUE(test::eventually([&] { return std::filesystem::read_symlink("/proc/" + std::to_string(ours) + "/exe")
+                                                   .filename() == "sleep"; }));
+    ASSERT_TRUE(test::eventually([&] { return std::filesystem::read_symlink("/proc/" + std::to_string(stranger) +
+                                                                            "/exe").filename() == "sleep"; }));
+    table.recordStart(ours, "/bin/sleep");
+    const std::string sleepPath = std::filesystem::canonical("/bin/sleep");
+    using Outcome = StartedProcesses::OwnerOutcome;
+    std::string actual;
+    EXPECT_EQ(table.signalExecutable(ours, SIGTERM, "/usr/bin/ssh", &actual), Outcome::OtherExecutable);
+    EXPECT_EQ(actual, sleepPath);
+    EXPECT_EQ(table.signalExecutable(stranger, SIGTERM, "/bin/sleep", &actual), Outcome::NotStarted);
+    EXPECT_EQ(table.signalExecutable(ours, SIGTERM, "/bin/sleep", &actual), Outcome::Sent);
+    int status = 0;
+    ASSERT_EQ(::waitpid(ours, &status, 0), ours);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(table.signalExecutable(ours, SIGTERM, "/bin/sleep", &actual), Outcome::Gone);
+
+    ::kill(stranger, SIGKILL);
+    ::waitpid(stranger, &status, 0);
+}
+
 }  // namespace
 }  // namespace korvo

@@ -85,7 +85,7 @@ TEST_F(TransactionStoreTest, AKilledRequestLeavesEveryAddedRouteOnDisk) {
         auto failed = store.beginRouteAdd("vpn", route("10.7.0.0/16"));
         store.abandonRouteAdd("vpn", *failed);
         ASSERT_TRUE(store.beginRouteAdd("vpn", route("10.8.0.0/16")).ok());
-        // Dropped here without finishRequest: the last commit is still in
+        // Dropped here without syncJournals: the last commit is still in
         // memory, the last intent on disk.
     }
     TransactionStore reloaded(area);
@@ -111,7 +111,8 @@ TEST_F(TransactionStoreTest, FinishedRequestFoldsTheJournalAndTheIndexFollowsThe
     auto failed = store.beginRouteAdd("c", route("10.3.0.0/16"));
     store.abandonRouteAdd("c", *failed);
     ASSERT_EQ(store.recordRouteDelete("a", route("10.1.0.0/16")), std::nullopt);
-    store.finishRequest();
+    store.syncJournals();
+    store.foldJournals();
 
     const RouteIdentity identity = RouteIdentity::ofOperation(route("10.1.0.0/16"));
     std::lock_guard lock(store.lock());

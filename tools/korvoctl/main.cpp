@@ -1,5 +1,7 @@
 // korvoctl: sends one request to the helper, as the client application does.
 //   korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]
+//   korvoctl configureRoutes routes=FILE [transaction=ID]
+//   korvoctl transactions [DIRECTORY]
 //   korvoctl dns
 //   korvoctl --help | --version | --write-docs DIRECTORY
 // Every operation of the helper's table is a subcommand, with its keys.
@@ -13,6 +15,8 @@
 #include "InterfaceDocs.h"
 #include "KorvoClient.h"
 #include "KorvoVersion.h"
+#include "RouteList.h"
+#include "transactions/TransactionListing.h"
 #include "util/Protocol.h"
 
 namespace {
@@ -24,13 +28,30 @@ constexpr int kExitUsage = 2;
 void printUsage(std::FILE* out) {
     std::fprintf(out,
                  "usage: korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]\n"
+                 "       korvoctl configureRoutes routes=FILE [transaction=ID]\n"
+                 "       korvoctl transactions [DIRECTORY]\n"
                  "       korvoctl dns\n"
                  "       korvoctl --version | --write-docs DIRECTORY\n\n"
                  "Sends one request to the Korvo helper on the system bus and prints the reply.\n"
                  "Arrays are comma-separated (KEY= is an empty one); @FILE reads a property list.\n"
-                 "korvoctl dns shows the published DNS settings and what the resolver got (as root).\n\n"
+                 "routes=FILE: one route a line, 'add|delete DESTINATION via GATEWAY [dev INTERFACE]\n"
+                 "[inet6] [transaction ID]'. transactions: what the helper would undo, read from its\n"
+                 "store (default /var/run/Korvo/network-transactions).\n"
+                 "dns: the published DNS settings and what the resolver got, read the same way.\n\n"
                  "operations:\n");
     for (const auto& op : korvo::helperOperations()) std::fprintf(out, "  %s\n", korvo::ctl::operationUsage(op).c_str());
+}
+
+// The transactions on disk, as the helper would load them.
+int listTransactions(const std::vector<std::string>& rest) {
+    const std::string directory = rest.empty() ? "/var/run/Korvo/network-transactions" : rest.front();
+    const auto summaries = korvo::readTransactionStore(directory);
+    if (!summaries) {
+        std::fprintf(stderr, "korvoctl: %s\n", summaries.error().displayText().c_str());
+        return kExitErrorReply;
+    }
+    std::fputs(korvo::formatTransactionSummaries(*summaries).c_str(), stdout);
+    return kExitSuccess;
 }
 
 }  // namespace
@@ -75,14 +96,18 @@ int main(int argc, char** argv) {
     if (args[i] == "dns" && i + 1 == args.size()) {
         return korvo::ctl::showDnsStatus("/var/run/Korvo", stdout, stderr);
     }
+    if (args[i] == "transactions") return listTransactions({args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end()});
     const korvo::Operation* operation = korvo::findOperation(args[i]);
     if (operation == nullptr) {
         std::fprintf(stderr, "korvoctl: unknown operation '%s' (korvoctl --help lists them)\n", args[i].c_str());
         return kExitUsage;
     }
     korvo::Dictionary arguments;
-    const std::vector<std::string> words(args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end());
-    if (auto problem = korvo::ctl::parseOperationArguments(*operation, words, arguments)) {
+    std::vector<std::string> words(args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end());
+    std::optional<std::string> problem;
+    if (operation->name == "configureRoutes") problem = korvo::ctl::takeRouteListWords(words, arguments);
+    if (!problem) problem = korvo::ctl::parseOperationArguments(*operation, words, arguments);
+    if (problem) {
         std::fprintf(stderr, "korvoctl: %s\n", problem->c_str());
         return kExitUsage;
     }

@@ -7,6 +7,7 @@
 
 #include "platform/InterfaceControl.h"
 #include "platform/InterfaceIoctl.h"
+#include "platform/linux/NetlinkInterfaceConfiguration.h"
 #include "platform/linux/NetlinkSocket.h"
 
 namespace korvo::platform {
@@ -32,6 +33,13 @@ public:
     InterfaceOutcome setInterfaceUp(const std::string& name, bool up) override { return setInterfaceUpFlag(name, up); }
 
     std::optional<std::vector<std::string>> interfaceNames() override { return systemInterfaceNames(); }
+
+    InterfaceConfiguration saveConfiguration(const std::string& name) override {
+        return linux_netlink::saveInterfaceConfiguration(name);
+    }
+    std::size_t restoreConfiguration(const InterfaceConfiguration& configuration) override {
+        return linux_netlink::restoreInterfaceConfiguration(configuration);
+    }
 };
 
 }  // namespace

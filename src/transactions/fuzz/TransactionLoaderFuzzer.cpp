@@ -27,9 +27,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FUZZ_CHECK(korvo::_indexOfRouteIdentity(identity, routes) == korvo::kRouteIdentityNotFound);
     }
 
-    // The journal's own lines round-trip whatever the route holds.
-    korvo::Dictionary route{{"action", "add"}, {"destination", std::string(journal.substr(0, 40))},
-                            {"gateway", std::string(recordBytes.substr(0, 20))}, {"isIPv6", size % 2 == 0}};
+    // The journal's own lines round-trip whatever text a request can carry
+    // (the bus's strings: UTF-8 without NUL; ASCII here).
+    const auto text = [](std::string_view bytes) {
+        std::string out(bytes);
+        for (char& c : out) c = (c == '\0' || static_cast<unsigned char>(c) >= 0x80) ? '?' : c;
+        return out;
+    };
+    korvo::Dictionary route{{"action", "add"}, {"destination", text(journal.substr(0, 40))},
+                            {"gateway", text(recordBytes.substr(0, 20))}, {"isIPv6", size % 2 == 0}};
     if (size % 3 == 0) route["extra"] = static_cast<std::int64_t>(size);
     korvo::Dictionary fresh;
     const std::string lines = korvo::journalIntentLine(7, route) + korvo::journalCommitLine(7);
