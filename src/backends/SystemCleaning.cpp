@@ -32,14 +32,6 @@ std::vector<std::string> installedHelperFiles() {
 #endif
 }
 
-bool storeAreaHoldsNetworkState(const StoreArea& store) {
-    for (const StoreDirectory directory : {StoreDirectory::NetworkTransactions, StoreDirectory::DynamicStore}) {
-        const auto entries = directoryEntries(store.path(directory));
-        if (entries && !entries->empty()) return true;
-    }
-    return false;
-}
-
 MaybeError SystemMaintenance::cleanSystem(std::int64_t cleanMask) {
     logMessage(LOG_NOTICE, "Running cleanSystem in helper.");
     std::int64_t remaining = cleanMask;

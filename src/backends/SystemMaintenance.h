@@ -36,9 +36,6 @@ inline constexpr std::string_view TimeMachinePreferencesDomain = "/Library/Prefe
 // where this build installs them.
 std::vector<std::string> installedHelperFiles();
 
-// Whether the store area holds network transactions or published DNS
-// settings: entries in their store directories.
-bool storeAreaHoldsNetworkState(const StoreArea& store);
 
 class SystemMaintenance {
 public:

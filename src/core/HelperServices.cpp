@@ -1,5 +1,6 @@
 #include "core/HelperTool.h"
 #include "core/WorkspaceLookup.h"
+#include "platform/DynamicStore.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 #include "util/ClientGroup.h"
 
@@ -13,6 +14,7 @@ HelperServices HelperServices::production() {
         return applicationBundlePathForIdentifier(KorvoApplicationIdentifier, xdgApplicationDirectories());
     };
     services.storeArea = std::make_shared<StoreArea>(std::string(KorvoRunDirectory), lookUpClientGroup());
+    services.dynamicStore = platform::makeSystemDynamicStore(services.storeArea);
     return services;
 }
 

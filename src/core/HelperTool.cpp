@@ -11,6 +11,7 @@
 #include "diagnostics/CaptureSuppression.h"
 #include "network/NetworkSystemOperations.h"
 #include "network/RouteConfiguration.h"
+#include "network/TunnelDns.h"
 #include "process/CallerFiles.h"
 #include "transactions/NetworkTransactions.h"
 #include "util/Protocol.h"
@@ -104,7 +105,7 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
             runner->runSystemTool(tool, arguments, 0, true, std::nullopt, nullptr, &error);
             return error;
         },
-        [store = services_.storeArea] { return store && storeAreaHoldsNetworkState(*store); }, {}});
+        [this] { return holdsNetworkStateToUndo(); }, {}});
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) settings_.setKorvoBundlePath(*path);
     }
@@ -117,6 +118,7 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         services_.storeArea, networkSystemOperations_.get(), startedProcesses_.get(), services_.dynamicStore,
         captureSuppression_.get(), queuePool_, [this] { return settings_.korvoBundle(); }, nullptr});
     routeConfiguration_ = std::make_unique<RouteConfiguration>(*networkSystemOperations_, *networkTransactions_);
+    tunnelDns_ = std::make_unique<TunnelDns>(services_.dynamicStore, *networkTransactions_);
     // What an earlier run left to undo is known before any request arrives.
     networkTransactions_->_loadPersistedNetworkTransactions();
 }
@@ -124,6 +126,7 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
 KorvoHelperTool::~KorvoHelperTool() {
     networkDiagnosticsQueue_.reset();
     routeConfiguration_.reset();
+    tunnelDns_.reset();
     networkTransactions_.reset();
 }
 
@@ -185,6 +188,15 @@ void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
     }
     stopRequested_ = true;
     runCondition_.notify_all();
+}
+
+bool KorvoHelperTool::holdsNetworkStateToUndo() const {
+    if (networkTransactions_ && !networkTransactions_->_networkTransactionsStore().empty()) return true;
+    return services_.dynamicStore && services_.dynamicStore->holdsHelperPublishedValues();
+}
+
+void KorvoHelperTool::updateNameServerAddresses(const NameServerSettings& settings, ErrorReply reply) {
+    reply(tunnelDns_->updateNameServerAddresses(settings));
 }
 
 void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath) {

@@ -37,7 +37,9 @@ class NetworkTransactions;
 class RouteConfiguration;
 class SerialQueue;
 class SystemMaintenance;
+class TunnelDns;
 class WorkerPool;
+struct NameServerSettings;
 
 namespace platform {
 class DynamicStore;
@@ -59,8 +61,9 @@ struct HelperServices {
     // The run directory and the helper's own store directories beneath it;
     // null: none (a unit test that touches no helper state).
     std::shared_ptr<StoreArea> storeArea;
-    // The dynamic store that DNS snapshots are restored into; null: none yet
-    // (restoring a DNS snapshot then fails).
+    // The dynamic store that tunnel DNS is published in and DNS snapshots
+    // are restored into; null: none (the DNS request then fails as when no
+    // session can be opened, and so does restoring a DNS snapshot).
     std::shared_ptr<platform::DynamicStore> dynamicStore;
 
     // The real services: the platform's code signing and tunnel interfaces,
@@ -130,6 +133,9 @@ public:
         vpnConnections_->connectAmneziaWGWithConfig(configPath, comPort, std::move(reply));
     }
 
+    // Tunnel DNS: TunnelDns.
+    void updateNameServerAddresses(const NameServerSettings& settings, ErrorReply reply);
+
     // Disconnect and maintenance: SystemMaintenance. writeConfig and
     // deleteConfigAtPath act with the rights of the caller.
     void disconnectService(std::int64_t serviceType, const std::optional<std::string>& remoteHost,
@@ -194,6 +200,7 @@ private:
     std::unique_ptr<CaptureSuppression> captureSuppression_;
     std::unique_ptr<NetworkTransactions> networkTransactions_;
     std::unique_ptr<RouteConfiguration> routeConfiguration_;
+    std::unique_ptr<TunnelDns> tunnelDns_;
     std::mutex networkDiagnosticsLogLock_;
     std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
 
@@ -208,6 +215,9 @@ private:
     bool listenerFailed_ = false;  // run() then returns EXIT_FAILURE
 
     friend class HelperToolListenerDelegate;
+    // Transactions or published DNS settings that only the store area
+    // records: cleaning keeps the store area while there are any.
+    bool holdsNetworkStateToUndo() const;
     void listenerDidFail(const std::string& reason);
 };
 

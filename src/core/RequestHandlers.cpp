@@ -3,6 +3,7 @@
 #include <map>
 
 #include "core/HelperTool.h"
+#include "network/TunnelDns.h"
 
 namespace korvo {
 namespace {
@@ -97,6 +98,23 @@ void addMaintenanceRequests(Handlers& h) {
     };
 }
 
+void addNetworkRequests(Handlers& h) {
+    h["updateNameServerAddresses"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        NameServerSettings settings;
+        settings.nameServerAddresses = stringArrayArgument(args, "nameServerAddresses");
+        settings.searchDomains = stringArrayArgument(args, "searchDomains");
+        settings.defaultDomain = stringArgument(args, "defaultDomain");
+        settings.serviceIdentifier = stringArgument(args, "serviceIdentifier");
+        settings.interfaceName = stringArgument(args, "interfaceName");
+        settings.IPv4Addresses = stringArrayArgument(args, "IPv4Addresses");
+        settings.IPv4DestAddresses = stringArrayArgument(args, "IPv4DestAddresses");
+        settings.IPv6Addresses = stringArrayArgument(args, "IPv6Addresses");
+        settings.IPv6PrefixLengths = int64ArrayArgument(args, "IPv6PrefixLengths");
+        settings.transactionIdentifier = stringArgument(args, "transactionIdentifier");
+        tool.updateNameServerAddresses(settings, sendError(std::move(reply)));
+    };
+}
+
 // The argument as it came, for operations that check its type themselves;
 // an absent one is an empty string, which no such operation accepts.
 Value anyArgument(const Dictionary& arguments, const std::string& key) {
@@ -136,6 +154,7 @@ const Handlers& handlers() {
         addSettingRequests(h);
         addConnectRequests(h);
         addMaintenanceRequests(h);
+        addNetworkRequests(h);
         addTransactionRequests(h);
         return h;
     }();

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "util/Error.h"
+#include "util/StoreArea.h"
 #include "util/Value.h"
 
 namespace korvo::platform {
@@ -38,6 +39,15 @@ public:
     // text of the platform when no session can be opened.
     virtual std::unique_ptr<DynamicStoreSession> openSession(std::string_view sessionName,
                                                              std::string* failure = nullptr) = 0;
+
+    // True while the store holds values that the helper published and that
+    // live only in its own store area (Linux, where the helper keeps the
+    // store). The system's store on macOS keeps them itself: false there.
+    virtual bool holdsHelperPublishedValues() const { return false; }
 };
+
+// The platform's store. On Linux it is kept in storeArea's "dynamic-store"
+// directory and projected onto the machine's resolver.
+std::shared_ptr<DynamicStore> makeSystemDynamicStore(std::shared_ptr<const StoreArea> storeArea);
 
 }  // namespace korvo::platform

@@ -34,6 +34,18 @@ const std::vector<Operation>& helperOperations() {
          ReplyShape::Error},
         {"writeConfig", {{"config", T::String}, {"path", T::String}}, ReplyShape::Error},
         {"deleteConfigAtPath", {{"path", T::String}}, ReplyShape::Error},
+        {"updateNameServerAddresses",
+         {{"nameServerAddresses", T::StringArray},
+          {"searchDomains", T::StringArray},
+          {"defaultDomain", T::String},
+          {"serviceIdentifier", T::String},
+          {"interfaceName", T::String},
+          {"IPv4Addresses", T::StringArray},
+          {"IPv4DestAddresses", T::StringArray},
+          {"IPv6Addresses", T::StringArray},
+          {"IPv6PrefixLengths", T::Int64Array},
+          {"transactionIdentifier", T::String}},
+         ReplyShape::Error},
         {"configureRoutes", {{"routeOperations", T::Any}}, ReplyShape::Result},
         {"cleanKnownHostsForRemoteHost", {{"host", T::String}}, ReplyShape::Error},
         {"cleanSystem", {{"cleanMask", T::Int64}}, ReplyShape::Error},
@@ -95,6 +107,16 @@ std::optional<std::vector<std::string>> stringArrayArgument(const Dictionary& ar
     std::vector<std::string> out;
     for (const auto& item : *it->second.asArray()) {
         if (const auto* s = item.asString()) out.push_back(*s);
+    }
+    return out;
+}
+
+std::optional<std::vector<std::int64_t>> int64ArrayArgument(const Dictionary& arguments, const std::string& key) {
+    auto it = arguments.find(key);
+    if (it == arguments.end() || !it->second.asArray()) return std::nullopt;
+    std::vector<std::int64_t> out;
+    for (const auto& item : *it->second.asArray()) {
+        if (auto n = item.integerValue()) out.push_back(*n);
     }
     return out;
 }

@@ -67,5 +67,6 @@ bool booleanArgument(const Dictionary& arguments, const std::string& key);
 std::int64_t integerArgument(const Dictionary& arguments, const std::string& key);
 std::uint64_t unsignedArgument(const Dictionary& arguments, const std::string& key);
 std::optional<std::vector<std::string>> stringArrayArgument(const Dictionary& arguments, const std::string& key);
+std::optional<std::vector<std::int64_t>> int64ArrayArgument(const Dictionary& arguments, const std::string& key);
 
 }  // namespace korvo

@@ -256,18 +256,21 @@ TEST_F(SystemMaintenanceServiceTest, CleanSystemRemovesWhatItsBitsName) {
     std::ofstream("/etc/resolver/admin.test") << "nameserver 10.8.8.8\n";
 
     // A transaction on record: the store area stays, the rest goes.
-    std::ofstream(kRunDirectory + "/network-transactions/pending.plist") << "<plist/>";
+    EXPECT_TRUE(call("recordOwnerProcessPID", {{"pid", std::int64_t{::getpid()}},
+                                               {"serviceType", std::int64_t{5}},
+                                               {"transactionIdentifier", std::string("pending")}})
+                    .empty());
     std::ofstream(kRunDirectory + "/openvpn.log") << "log";
     // The client's group may plant links there: removed, never followed.
     const std::string outside = work.write("outside", "kept");
     fs::create_symlink(outside, kRunDirectory + "/planted-link");
     fs::create_directory_symlink(work.path(), kRunDirectory + "/planted-folder");
     EXPECT_TRUE(call("cleanSystem", {{"cleanMask", std::int64_t{4}}}).empty()) << helper.helperLog();
-    EXPECT_TRUE(fs::exists(kRunDirectory + "/network-transactions/pending.plist"));
+    EXPECT_FALSE(fs::is_empty(kRunDirectory + "/network-transactions"));
     EXPECT_FALSE(fs::exists(kRunDirectory + "/openvpn.log"));
     EXPECT_TRUE(helper.waitForLog("Kept the helper's store area"));
 
-    fs::remove(kRunDirectory + "/network-transactions/pending.plist");
+    EXPECT_TRUE(call("restoreNetworkTransactionWithIdentifier", {{"identifier", std::string("pending")}}).empty());
     EXPECT_TRUE(call("cleanSystem", {{"cleanMask", std::int64_t{4 | 16 | 2 | 1}}}).empty()) << helper.helperLog();
     EXPECT_FALSE(fs::exists(kRunDirectory));
     EXPECT_EQ(contents(outside), "kept");

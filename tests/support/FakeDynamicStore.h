@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/DynamicStore.h"
 
@@ -18,6 +19,7 @@ public:
     std::set<std::string> refuse;
     bool openable = true;
     int sessionsOpened = 0;
+    std::vector<std::string> writes;  // the keys set, in order
 
     std::unique_ptr<platform::DynamicStoreSession> openSession(std::string_view, std::string* failure) override {
         if (!openable) {
@@ -39,6 +41,7 @@ private:
         MaybeError setValue(const std::string& key, const Dictionary& value) override {
             if (store_.refuse.count(key)) return errorWithKorvoErrorCode(1, "refused");
             store_.values[key] = value;
+            store_.writes.push_back(key);
             return std::nullopt;
         }
         MaybeError removeValue(const std::string& key) override {

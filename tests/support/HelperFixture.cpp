@@ -79,7 +79,8 @@ std::pair<UniqueFd, UniqueFd> makePipe() {
     return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
-std::string busConfiguration(const std::string& socketPath, HelperFixture::Options::BusPolicy policy) {
+std::string busConfiguration(const std::string& socketPath, HelperFixture::Options::BusPolicy policy,
+                             const std::string& extraPolicy) {
     const std::string helperPolicy =
         policy == HelperFixture::Options::BusPolicy::Open
             ? std::string("  <policy user=\"root\">\n"
@@ -110,7 +111,7 @@ std::string busConfiguration(const std::string& socketPath, HelperFixture::Optio
            "    <allow send_destination=\"org.freedesktop.DBus\" "
            "send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
            "  </policy>\n" +
-           helperPolicy + "</busconfig>\n";
+           helperPolicy + extraPolicy + "</busconfig>\n";
 }
 
 // Writes a copy of /etc/group with a group "korvo" of an unused gid (below
@@ -227,7 +228,8 @@ std::optional<std::string> HelperFixture::start() {
     }
 
     const auto configPath = s.directory / "bus.conf";
-    std::ofstream(configPath) << busConfiguration((s.directory / "system_bus_socket").string(), s.options.busPolicy);
+    std::ofstream(configPath) << busConfiguration((s.directory / "system_bus_socket").string(), s.options.busPolicy,
+                                                   s.options.extraBusPolicy);
 
     // The bus prints its address once it is listening.
     auto [addressRead, addressWrite] = makePipe();

@@ -53,6 +53,9 @@ public:
         // members before the bus and the helper start: a copy of /etc/group
         // bind-mounted over it. Only inside tests/support/isolated.
         bool korvoGroup = false;
+        // More bus policy, added as it is (for other services a test runs on
+        // the private bus, such as systemd-resolved).
+        std::string extraBusPolicy;
     };
 
     HelperFixture();

@@ -24,13 +24,13 @@ extern char** environ;
 
 namespace korvo::test {
 
-namespace {
-
 std::string readWholeFile(const std::string& path) {
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
 }
+
+namespace {
 
 std::string withoutTrailingNewlines(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
@@ -319,6 +319,24 @@ std::string PeerNamespace::startWireGuard(const std::string& interfaceName, cons
     return result.exitStatus == 0 ? "" : "peer wireguard: " + result.output;
 }
 
+std::unique_ptr<BackgroundProgram> startDnsServer(const PeerNamespace& peer, const std::string& listenAddress,
+                                                  const std::string& host, const std::string& hostAddress,
+                                                  const std::string& domain, const std::string& logPath) {
+    return std::make_unique<BackgroundProgram>(
+        peer.name(),
+        std::vector<std::string>{"/usr/sbin/dnsmasq", "-k", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+                                 "--bind-interfaces", "--listen-address=" + listenAddress,
+                                 "--address=/" + host + "/" + hostAddress, "--local=/" + domain + "/",
+                                 "--pid-file=/run/dnsmasq-" + listenAddress + ".pid", "--log-facility=-"},
+        logPath);
+}
+
+std::string lookUpHost(const std::string& name) {
+    const auto result = shell("getent hosts " + name);
+    if (result.exitStatus != 0) return "";
+    return result.output.substr(0, result.output.find_first_of(" \t"));
+}
+
 BindMount::BindMount(const std::string& source, const std::string& target) : target_(target) {
     if (!runningIsolated()) return;
     std::error_code ignored;
@@ -348,9 +366,14 @@ BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::
     : logPath_(std::move(logPath)) {
     UniqueFd log(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     ChildProcess::Options options;
-    options.executable = "/usr/sbin/ip";
-    options.arguments = {"netns", "exec", netns};
-    options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
+    if (netns.empty()) {
+        options.executable = argv.at(0);
+        options.arguments.assign(argv.begin() + 1, argv.end());
+    } else {
+        options.executable = "/usr/sbin/ip";
+        options.arguments = {"netns", "exec", netns};
+        options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
+    }
     options.standardOutput = log.get();
     options.standardError = log.get();
     int error = 0;

@@ -32,6 +32,8 @@ struct ShellResult {
 };
 // Runs a command line with /bin/sh -c and collects its output.
 ShellResult shell(const std::string& command);
+// The file's bytes; empty when it cannot be read.
+std::string readWholeFile(const std::string& path);
 
 // True inside the namespaces of tests/support/isolated; nothing that needs
 // it may touch the machine's own network or files otherwise.
@@ -159,8 +161,9 @@ private:
     std::shared_ptr<ChildProcess> wireGuard_;
 };
 
-// A program run in a namespace with its output in a log file; terminated
-// (then killed) and waited for at the end.
+// A program run in a network namespace (netns empty: in the test's own) with
+// its output in a log file; terminated (then killed) and waited for at the
+// end.
 class BackgroundProgram {
 public:
     BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath);
@@ -172,6 +175,16 @@ private:
     std::shared_ptr<ChildProcess> child_;
     std::string logPath_;
 };
+
+// dnsmasq in the peer's namespace, listening on listenAddress, answering
+// host with hostAddress and denying every other name of domain (it refuses
+// names outside it: it has no upstream). Runs until the object goes.
+std::unique_ptr<BackgroundProgram> startDnsServer(const PeerNamespace& peer, const std::string& listenAddress,
+                                                  const std::string& host, const std::string& hostAddress,
+                                                  const std::string& domain, const std::string& logPath);
+// The user's view of a name: the address that getent gives, "" when the
+// name does not resolve.
+std::string lookUpHost(const std::string& name);
 
 // source mounted over target (a directory target is created first), in this
 // mount namespace only, until the object goes.

@@ -2,6 +2,7 @@
 //   korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]
 //   korvoctl configureRoutes routes=FILE [transaction=ID]
 //   korvoctl transactions [DIRECTORY]
+//   korvoctl dns
 //   korvoctl --help | --version | --write-docs DIRECTORY
 // Every operation of the helper's table is a subcommand, with its keys.
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "DnsStatus.h"
 #include "InterfaceDocs.h"
 #include "KorvoClient.h"
 #include "KorvoVersion.h"
@@ -28,12 +30,14 @@ void printUsage(std::FILE* out) {
                  "usage: korvoctl [--no-reply] [--timeout SECONDS] OPERATION [KEY=VALUE ...]\n"
                  "       korvoctl configureRoutes routes=FILE [transaction=ID]\n"
                  "       korvoctl transactions [DIRECTORY]\n"
+                 "       korvoctl dns\n"
                  "       korvoctl --version | --write-docs DIRECTORY\n\n"
                  "Sends one request to the Korvo helper on the system bus and prints the reply.\n"
                  "Arrays are comma-separated (KEY= is an empty one); @FILE reads a property list.\n"
                  "routes=FILE: one route a line, 'add|delete DESTINATION via GATEWAY [dev INTERFACE]\n"
                  "[inet6] [transaction ID]'. transactions: what the helper would undo, read from its\n"
-                 "store (default /var/run/Korvo/network-transactions).\n\n"
+                 "store (default /var/run/Korvo/network-transactions).\n"
+                 "dns: the published DNS settings and what the resolver got, read the same way.\n\n"
                  "operations:\n");
     for (const auto& op : korvo::helperOperations()) std::fprintf(out, "  %s\n", korvo::ctl::operationUsage(op).c_str());
 }
@@ -89,6 +93,9 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    if (args[i] == "dns" && i + 1 == args.size()) {
+        return korvo::ctl::showDnsStatus("/var/run/Korvo", stdout, stderr);
+    }
     if (args[i] == "transactions") return listTransactions({args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end()});
     const korvo::Operation* operation = korvo::findOperation(args[i]);
     if (operation == nullptr) {
