@@ -8,10 +8,13 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/ServiceListener.h"
 #include "util/Error.h"
 
 namespace korvo {
@@ -23,8 +26,20 @@ struct CallerRights {
     std::vector<gid_t> groupIdentifiers;  // every group, the effective one included
 };
 
+// The rights of an accepted client, from the credentials it connected with;
+// nullopt when they are unknown.
+std::optional<CallerRights> callerRightsOf(const platform::ServiceConnection& connection);
+
+// The most bytes one write or append takes.
+inline constexpr std::size_t kMaximumCallerFileSize = std::size_t{4} << 20;
+
+// Paths must be absolute: the helper's working directory means nothing to a
+// client. Failures are file-system errors (fileSystemError), as the caller
+// itself would have met them.
+
 // Replaces the file at path by one holding exactly bytes, atomically (a new
 // file in the same folder renamed over it), with mode for a new file.
+// Missing folders on the way are created (0755).
 MaybeError writeFileAsCaller(const CallerRights& caller, const std::string& path, std::string_view bytes,
                              mode_t mode);
 // Appends bytes to the file at path, creating it with mode when missing.

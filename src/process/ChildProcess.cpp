@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +18,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "process/CloneChild.h"
 #include "process/ProcessWatcher.h"
 #include "util/UniqueFd.h"
 
@@ -205,11 +204,6 @@ struct ExecPlan {
 
 static_assert(std::atomic<int>::is_always_lock_free);
 
-// The kernel's signal set: 64 bits (128 on MIPS), not the C library's 1024.
-constexpr long kKernelSignalSetSize = (_NSIG - 1) / 8;
-
-#define KORVO_CHILD_CODE __attribute__((no_sanitize("address", "thread", "undefined")))
-
 [[noreturn]] KORVO_CHILD_CODE void childFails(ExecPlan& plan) {
     plan.error.store(errno != 0 ? errno : ECHILD, std::memory_order_relaxed);
     ::syscall(SYS_exit_group, 127);
@@ -259,33 +253,6 @@ KORVO_CHILD_CODE int childMain(void* argument) {
     childFails(plan);
 }
 
-// The child's stack, with an inaccessible page below it. One per launching
-// thread, reused: a thread starts one child at a time.
-class ChildStack {
-public:
-    static constexpr std::size_t kSize = 64 * 1024;
-
-    ChildStack() {
-        page_ = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-        void* base = ::mmap(nullptr, kSize + page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
-                            -1, 0);
-        if (base == MAP_FAILED) return;
-        base_ = base;
-        ::mprotect(base_, page_, PROT_NONE);
-    }
-    ~ChildStack() {
-        if (base_) ::munmap(base_, kSize + page_);
-    }
-    ChildStack(const ChildStack&) = delete;
-    ChildStack& operator=(const ChildStack&) = delete;
-
-    void* top() const { return base_ ? static_cast<char*>(base_) + page_ + kSize : nullptr; }
-
-private:
-    void* base_ = nullptr;
-    std::size_t page_ = 0;
-};
-
 }  // namespace
 
 // posix_spawn cannot start a program from a descriptor, so the child is made
@@ -334,20 +301,9 @@ std::shared_ptr<ChildProcess> ChildProcess::launch(const Options& options, int* 
         plan.envp = envp.data();
     }
 
-    thread_local const ChildStack stack;
-    if (!stack.top()) return fail(ENOMEM);
-    // Blocked in the kernel's terms (the C library would keep two of its
-    // own signals open): nothing can reach the child before its handlers
-    // are reset.
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    sigemptyset(&previous);
-    ::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &previous, kKernelSignalSetSize);
     int pidfd = -1;
-    const pid_t pid = ::clone(childMain, stack.top(), CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &plan, &pidfd);
+    const pid_t pid = cloneSharingMemory(childMain, &plan, &pidfd);
     const int cloneError = errno;
-    ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &previous, nullptr, kKernelSignalSetSize);
     if (pid < 0) return fail(cloneError);
     if (const int execError = plan.error.load(std::memory_order_relaxed)) {
         ::close(pidfd);
