@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "core/ClientAcceptance.h"
+#include "platform/CodeSigning.h"
 #include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "util/Log.h"
@@ -16,7 +17,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.utility.networkDiagnostics";
 constexpr std::string_view kNetworkResetQueueLabel = "com.tallowmar.korvo.utility.networkReset";
 
 // Ends the process without running static destructors: request work may still
@@ -88,16 +88,15 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
     }
     // Each queue needs at most one thread at a time.
     queuePool_ = std::make_shared<WorkerPool>(2);
-    networkDiagnosticsQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkDiagnosticsQueueLabel), queuePool_);
+    networkDiagnostics_ = std::make_unique<NetworkDiagnostics>(networkDiagnosticsServices());
     networkResetQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkResetQueueLabel), queuePool_);
-    networkDiagnosticsSuppressionCount_ = 0;
 }
 
 KorvoHelperTool::~KorvoHelperTool() {
     // The listener's requests reach into this object: stop them first.
     listener_.reset();
     listenerDelegate_.reset();
-    networkDiagnosticsQueue_.reset();
+    networkDiagnostics_.reset();
     networkResetQueue_.reset();
 }
 
@@ -153,10 +152,33 @@ void KorvoHelperTool::setTmpDirPath(const std::optional<std::string>& path) {
     tmpDirPath_ = path;
 }
 
-void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath) {
-    std::lock_guard lock(objectLock_);
-    networkDiagnosticsCaptureEnabled_ = enabled;
-    networkDiagnosticsLogPath_ = logFilePath;
+NetworkDiagnosticsServices KorvoHelperTool::networkDiagnosticsServices() {
+    NetworkDiagnosticsServices diagnostics;
+    diagnostics.pool = queuePool_;
+    diagnostics.dynamicStore = nullptr;  // the platform's dynamic store, once the helper has one
+    diagnostics.korvoBundle = [this] { return korvoBundle(); };
+    diagnostics.storeArea = services_.storeArea;
+    diagnostics.isVendorProgram = [signing = services_.codeSigning](int fd) {
+        return signing && signing->checkExecutable(fd, KorvoProgramRequirement) == platform::codesign_status::kSuccess;
+    };
+    diagnostics.openShell = [this] { return openSystemToolForLaunch(SystemTool::Bash); };
+    diagnostics.periodicSchedule = services_.networkDiagnosticsPeriodicSchedule;
+    return diagnostics;
+}
+
+void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath,
+                                                          const std::optional<CallerRights>& caller) {
+    networkDiagnostics_->setNetworkDiagnosticsCaptureEnabled(enabled, logFilePath, caller);
+}
+
+void KorvoHelperTool::networkDiagnosticsConnectionEstablishedForServiceType(
+    std::int64_t serviceType, const std::optional<std::string>& accountDescription) {
+    networkDiagnostics_->networkDiagnosticsConnectionEstablishedForServiceType(serviceType, accountDescription);
+}
+
+void KorvoHelperTool::networkDiagnosticsConnectionTerminatedForServiceType(
+    std::int64_t serviceType, const std::optional<std::string>& accountDescription) {
+    networkDiagnostics_->networkDiagnosticsConnectionTerminatedForServiceType(serviceType, accountDescription);
 }
 
 void KorvoHelperTool::setVPNDebugLoggingEnabled(bool enabled) {
@@ -177,21 +199,6 @@ std::optional<Bundle> KorvoHelperTool::korvoBundle() const {
 bool KorvoHelperTool::vpnDebugLoggingEnabled() const {
     std::lock_guard lock(objectLock_);
     return vpnDebugLoggingEnabled_;
-}
-
-bool KorvoHelperTool::networkDiagnosticsCaptureEnabled() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsCaptureEnabled_;
-}
-
-std::optional<std::string> KorvoHelperTool::networkDiagnosticsLogPath() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsLogPath_;
-}
-
-std::int64_t KorvoHelperTool::networkDiagnosticsActiveConnectionCount() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsActiveConnectionCount_;
 }
 
 }  // namespace korvo

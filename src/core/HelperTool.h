@@ -17,9 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/NetworkDiagnostics.h"
 #include "util/Bundle.h"
 #include "util/Error.h"
 #include "platform/CodeSigning.h"
+#include "process/CallerFiles.h"
 #include "process/Executables.h"
 #include "util/UniqueFd.h"
 #include "process/StartedProcesses.h"
@@ -62,6 +64,9 @@ struct HelperServices {
     // The run directory and the helper's own store directories beneath it;
     // null: none (a unit test that touches no helper state).
     std::shared_ptr<StoreArea> storeArea;
+    // The periodic diagnostics capture's schedule (a test daemon shortens it).
+    TimerSchedule networkDiagnosticsPeriodicSchedule{std::chrono::seconds(30), std::chrono::seconds(30),
+                                                     std::chrono::seconds(5)};
 
     // The real services: the platform's code signing and tunnel interfaces,
     // the bus listener, the desktop's application lookup.
@@ -84,8 +89,14 @@ public:
     // --- Requests without a reply -------------------------------------------
     void setKorvoBundlePath(const std::optional<std::string>& path);
     void setTmpDirPath(const std::optional<std::string>& path);
-    void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath);
+    // The log is written with the rights of the caller who named it.
+    void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath,
+                                             const std::optional<CallerRights>& caller);
     void setVPNDebugLoggingEnabled(bool enabled);
+    void networkDiagnosticsConnectionEstablishedForServiceType(std::int64_t serviceType,
+                                                               const std::optional<std::string>& accountDescription);
+    void networkDiagnosticsConnectionTerminatedForServiceType(std::int64_t serviceType,
+                                                              const std::optional<std::string>& accountDescription);
 
     // --- Requests with a reply ----------------------------------------------
     // Logs, replies, and ends the process with status 0: at once before run,
@@ -159,10 +170,8 @@ public:
     std::string tmpDirPath() const;
     std::optional<Bundle> korvoBundle() const;
     bool vpnDebugLoggingEnabled() const;
-    bool networkDiagnosticsCaptureEnabled() const;
-    std::optional<std::string> networkDiagnosticsLogPath() const;
-    std::int64_t networkDiagnosticsActiveConnectionCount() const;
-    SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
+    // Diagnostics capture and log; also what a network reset suppresses.
+    NetworkDiagnostics& networkDiagnostics() { return *networkDiagnostics_; }
     SerialQueue& networkResetQueue() { return *networkResetQueue_; }
     platform::ServiceListener* listener() const { return listener_.get(); }
     const HelperServices& services() const { return services_; }
@@ -170,8 +179,8 @@ public:
     // ones it will ever signal or delete.
     StartedProcesses& startedProcesses() { return *startedProcesses_; }
 
-    // The service object's own lock: guards the fields below, the transaction
-    // store and the diagnostics count. Never held across a slow operation.
+    // The service object's own lock: guards the fields below and the
+    // transaction store. Never held across a slow operation.
     std::recursive_mutex& objectLock() const { return objectLock_; }
 
 private:
@@ -181,16 +190,11 @@ private:
     std::optional<std::string> tmpDirPath_;
     std::optional<Bundle> korvoBundle_;
     std::map<std::string, Dictionary> networkTransactions_;
-    bool networkDiagnosticsCaptureEnabled_ = false;
-    std::optional<std::string> networkDiagnosticsLogPath_;
-    std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
     // The threads the two queues below run on.
     std::shared_ptr<WorkerPool> queuePool_;
-    std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
+    std::unique_ptr<NetworkDiagnostics> networkDiagnostics_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
-    std::mutex networkDiagnosticsLogLock_;
-    std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
     bool vpnDebugLoggingEnabled_ = false;
 
     std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;
@@ -205,6 +209,7 @@ private:
 
     friend class HelperToolListenerDelegate;
     void listenerDidFail(const std::string& reason);
+    NetworkDiagnosticsServices networkDiagnosticsServices();
 };
 
 }  // namespace korvo
