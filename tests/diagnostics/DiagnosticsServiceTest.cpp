@@ -5,6 +5,8 @@
 // once and reach nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
@@ -73,9 +75,10 @@ void expectSectionsInOrder(const std::string& block) {
 
 class DiagnosticsServiceTest : public ::testing::Test {
 protected:
-    void startHelper(const std::string& helperPath = std::string()) {
+    void startHelper(const std::string& helperPath = std::string(), bool korvoGroup = false) {
         HelperFixture::Options options;
         options.helperPath = helperPath;
+        options.korvoGroup = korvoGroup;
         helper = std::make_unique<HelperFixture>(options);
         ASSERT_EQ(helper->start(), std::nullopt);
     }
@@ -140,6 +143,51 @@ TEST_F(DiagnosticsServiceTest, NoPeriodicCaptureFollowsOnceCaptureIsSwitchedOff)
     const std::size_t afterTermination = occurrences(logText(log), trigger("periodic (30s)"));
     EXPECT_FALSE(logHolds(trigger("periodic (30s)"), afterTermination + 1, 1500ms)) << logText(log);
     EXPECT_LE(afterTermination, periodic + 1);
+}
+
+// The log is written as the client that named it: the installed client run
+// by user nobody reaches its own files, and neither a file of root's nor
+// one behind a symbolic link, though the helper runs as root.
+TEST_F(DiagnosticsServiceTest, TheLogIsWrittenWithTheRightsOfTheClientThatNamedIt) {
+    startHelper(std::string(), true);
+    const std::string client =
+        HelperFixture::installProgram(HelperFixture::signedCallerPath(), "/run/korvo-clients/korvo",
+                                      helper->korvoGroupId(), 02755);
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(::chown(dir.path().c_str(), kNobody, 0), 0);
+    const std::string rootsFile = dir.write("roots.log", "root's\n");
+    ASSERT_EQ(::chmod(rootsFile.c_str(), 0666 & ~0022), 0);
+    ASSERT_EQ(::symlink(rootsFile.c_str(), dir.file("link.log").c_str()), 0);
+
+    struct Case {
+        std::string what, path;
+        bool written;
+    };
+    const std::vector<Case> cases = {
+        {"a file of its own", dir.file("own.log"), true},
+        {"a file of root's", rootsFile, false},
+        {"a link to a file of root's", dir.file("link.log"), false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto set = helper->runClientAsNobody({client, "call", helper->busAddress(),
+                                                    "setNetworkDiagnosticsCaptureEnabled", "enabled:b=true",
+                                                    "logFilePath=" + c.path});
+        ASSERT_EQ(set.exitStatus, 0) << set.standardOutput << set.standardError;
+        report("Established", 2, c.what);
+        if (c.written) {
+            ASSERT_TRUE(test::eventually([&] { return logText(c.path).find(trigger("connection established (SSH, " + c.what + ")")) != std::string::npos; }, 30s))
+                << helper->helperLog();
+            struct stat status {};
+            ASSERT_EQ(::stat(c.path.c_str(), &status), 0);
+            EXPECT_EQ(status.st_uid, kNobody);
+        } else {
+            EXPECT_TRUE(helper->waitForLog("Could not open network diagnostics log file at " + c.path + " for writing.",
+                                           30s))
+                << helper->helperLog();
+        }
+    }
+    EXPECT_EQ(logText(rootsFile), "root's\n");
 }
 
 #if KORVO_HAVE_TEST_BUNDLE
