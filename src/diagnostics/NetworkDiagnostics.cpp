@@ -7,6 +7,8 @@
 #include "diagnostics/CaptureScript.h"
 #include "diagnostics/DynamicStoreText.h"
 #include "platform/DynamicStore.h"
+#include "util/AddressAdditions.h"
+#include "util/InterfaceName.h"
 #include "util/Log.h"
 #include "util/SerialQueue.h"
 #include "util/StoreArea.h"
@@ -42,6 +44,14 @@ std::string networkDiagnosticsHeader(std::chrono::system_clock::time_point time,
 
 std::string tunnelInterfaceForPrimaryInterface(std::string_view primaryInterface) {
     return primaryInterface.starts_with("utun") ? std::string(primaryInterface) : std::string();
+}
+
+std::vector<std::string> captureScriptArguments(const std::string& wgPath, const std::string& router,
+                                                const std::string& dnsServer, const std::string& primaryInterface) {
+    const auto address = [](const std::string& text) { return isValidIPAddress(text) ? text : std::string(); };
+    std::string tunnel = tunnelInterfaceForPrimaryInterface(primaryInterface);
+    if (!isUsableInterfaceName(tunnel)) tunnel.clear();
+    return {wgPath, address(router), address(dnsServer), tunnel};
 }
 
 NetworkDiagnostics::NetworkDiagnostics(NetworkDiagnosticsServices services) : services_(std::move(services)) {
@@ -191,7 +201,8 @@ std::string NetworkDiagnostics::captureText(const std::string& trigger) {
     const std::string wgPath = wireGuardToolCopy();
     std::string router, dnsServer, primaryInterface;
     _currentActiveRouterAddress(&router, &dnsServer, &primaryInterface);
-    const std::string tunnelInterface = tunnelInterfaceForPrimaryInterface(primaryInterface);
+    const std::vector<std::string> arguments = captureScriptArguments(wgPath, router, dnsServer, primaryInterface);
+    const std::string& tunnelInterface = arguments[3];
 
     std::map<std::string, std::string> environment = {{"PATH", kChildPath}};
     if (services_.dynamicStore) {
@@ -204,7 +215,7 @@ std::string NetworkDiagnostics::captureText(const std::string& trigger) {
     std::string text = networkDiagnosticsHeader(std::chrono::system_clock::now(), trigger);
     CaptureRun run = runCaptureScript(services_.openShell ? services_.openShell() : UniqueFd(),
                                       std::string(kNetworkDiagnosticsCaptureScript), "networkDiagnostics",
-                                      {wgPath, router, dnsServer, tunnelInterface}, environment,
+                                      arguments, environment,
                                       services_.captureTimeoutSeconds);
     if (run.launchFailure) {
         return text + "Could not launch network diagnostics capture: " + *run.launchFailure + "\n";

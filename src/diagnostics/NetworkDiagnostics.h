@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "diagnostics/CaptureSuppression.h"
 #include "process/CallerFiles.h"
@@ -145,5 +146,11 @@ std::string networkDiagnosticsHeader(std::chrono::system_clock::time_point time,
 
 // TUNNEL_IF of the capture: the primary interface when it is a utun, else "".
 std::string tunnelInterfaceForPrimaryInterface(std::string_view primaryInterface);
+
+// The script's arguments: WG_PATH, VPN_GATEWAY, VPN_DNS, TUNNEL_IF. The store
+// holds what clients published: a router or server that is no IP address,
+// or an interface name a program could take for an option, is left empty.
+std::vector<std::string> captureScriptArguments(const std::string& wgPath, const std::string& router,
+                                                const std::string& dnsServer, const std::string& primaryInterface);
 
 }  // namespace korvo
