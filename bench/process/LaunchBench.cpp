@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <map>
 
-#include "core/HelperTool.h"
+#include "process/ProgramRunner.h"
+#include "process/StartedProcesses.h"
+#include "util/HelperSettings.h"
 #include "platform/CodeSigning.h"
 #include "process/ChildProcess.h"
 #include "process/Executables.h"
@@ -24,12 +26,10 @@ constexpr const char* kSystemProgram = "/bin/true";
 constexpr const char* kSignedProgram = KORVO_BENCH_SIGNED_PROGRAM;
 constexpr const char* kSignedSmallProgram = KORVO_BENCH_SIGNED_SMALL_PROGRAM;  // a signed copy of /bin/true
 
-korvo::KorvoHelperTool& tool() {
-    static korvo::KorvoHelperTool instance([] {
-        korvo::HelperServices services;
-        services.codeSigning = korvo::platform::makeSystemCodeSigning();
-        return services;
-    }());
+korvo::ProgramRunner& tool() {
+    static korvo::HelperSettings settings;
+    static korvo::StartedProcesses started(nullptr);
+    static korvo::ProgramRunner instance(korvo::platform::makeSystemCodeSigning(), settings, started);
     return instance;
 }
 

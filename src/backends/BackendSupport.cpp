@@ -11,8 +11,8 @@
 
 #include <vector>
 
-#include "core/ClientAcceptance.h"
-#include "core/HelperTool.h"
+#include "util/KorvoIdentity.h"
+#include "backends/VpnConnections.h"
 #include "util/CharacterSets.h"
 #include "util/DataAdditions.h"
 #include "util/FileSystem.h"
@@ -124,7 +124,7 @@ std::string auxiliaryExecutablePath(const std::optional<Bundle>& bundle, std::st
 
 std::string displayText(const std::optional<std::string>& text) { return text ? *text : "(null)"; }
 
-Environment KorvoHelperTool::opensslLegacyProviderEnvironment() {
+Environment VpnConnections::opensslLegacyProviderEnvironment() {
     // Both name what the program loads as root: never the client's bundle.
     // The modules are the system's; the configuration, which could name any
     // module, is the helper's own, in its store area.
@@ -140,7 +140,7 @@ Environment KorvoHelperTool::opensslLegacyProviderEnvironment() {
     return environment;
 }
 
-bool KorvoHelperTool::configFileAtPath(const std::string& path, const std::string& directive) {
+bool VpnConnections::configFileAtPath(const std::string& path, const std::string& directive) {
     const auto text = readUTF8File(path);
     if (!text) return false;
     for (const std::string_view rawLine : linesOf(*text)) {
@@ -206,7 +206,7 @@ Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& director
     return directory.writeFile(fileName, bytesOf(text), 0600);
 }
 
-Result<ConnectionCopies> prepareConnectionCopies(const HelperServices& services, ConfiguredProgram program,
+Result<ConnectionCopies> prepareConnectionCopies(const BackendServices& services, ConfiguredProgram program,
                                                  const std::string& connectionName, const std::string& configPath,
                                                  const std::string& programPath, std::string_view programName,
                                                  mode_t mode, bool allowSystemScript,

@@ -10,10 +10,14 @@
 #include "backends/ConfigurationPolicy.h"
 #include "backends/ConnectionDirectory.h"
 #include "util/Error.h"
-#include "core/HelperTool.h"
 #include "platform/CodeSigning.h"
+#include "util/StoreArea.h"
 
 namespace korvo {
+
+namespace platform {
+class TunnelInterfaceConfigurator;
+}
 
 // The text without its "background" option lines (any letter case, any
 // number of leading dashes, with or without "=value"); *removed tells
@@ -65,6 +69,15 @@ Result<std::string> copyCheckedConfiguration(const ConnectionDirectory& director
                                              const std::string& source, std::string_view fileName,
                                              const std::function<std::string(std::string)>& adjust = {});
 
+// The platform services the backends use.
+struct BackendServices {
+    std::shared_ptr<platform::CodeSigning> codeSigning;
+    // The run directory and the helper's store beneath it; null: none, and
+    // requests that need it fail.
+    std::shared_ptr<StoreArea> storeArea;
+    std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces;
+};
+
 // What a connection's program reads, copied into its own directory: the
 // checked configuration, and a program or script (the askpass program, the
 // connection script) kept under copyVendorProgram's rule.
@@ -76,7 +89,7 @@ struct ConnectionCopies {
 // Makes the connection's directory and both copies. Errors: code 55 without
 // a store area, the configuration's read error or refusal (code 68), and a
 // refused program (code 69, logged as such).
-Result<ConnectionCopies> prepareConnectionCopies(const HelperServices& services, ConfiguredProgram program,
+Result<ConnectionCopies> prepareConnectionCopies(const BackendServices& services, ConfiguredProgram program,
                                                  const std::string& connectionName, const std::string& configPath,
                                                  const std::string& programPath, std::string_view programName,
                                                  mode_t mode, bool allowSystemScript,

@@ -2,14 +2,14 @@
 // servers, kept in the foreground so that the replied process identifier and
 // the com port belong to the process that holds the tunnel.
 #include "backends/BackendSupport.h"
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"
 
 namespace korvo {
 
-void KorvoHelperTool::connectOpenConnectWithConfig(const std::optional<std::string>& configPath,
+void VpnConnections::connectOpenConnectWithConfig(const std::optional<std::string>& configPath,
                                                    const std::optional<std::string>& host,
                                                    const std::optional<std::string>& resolve,
                                                    const std::optional<std::string>& credentials,

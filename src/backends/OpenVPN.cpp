@@ -7,7 +7,7 @@
 
 #include "backends/BackendSupport.h"
 #include "backends/ConnectionDirectory.h"
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "util/DataAdditions.h"
 #include "util/IntegerScan.h"
 #include "util/FileSystem.h"
@@ -71,7 +71,7 @@ pid_t waitForPidFile(const std::string& path) {
 
 }  // namespace
 
-void KorvoHelperTool::connectOpenVPNWithConfig(const std::optional<std::string>& configPath,
+void VpnConnections::connectOpenVPNWithConfig(const std::optional<std::string>& configPath,
                                                std::uint64_t managementPort, StringReply reply) {
     const auto bundle = korvoBundle();
     const std::string tmpDir = tmpDirPath();

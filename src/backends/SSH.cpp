@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "backends/BackendSupport.h"
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "process/ChildProcess.h"
 #include "util/UniqueFd.h"
 #include "util/FileSystem.h"
@@ -34,7 +34,7 @@ Environment environmentWith(const Environment& additions) {
 
 }  // namespace
 
-void KorvoHelperTool::connectSSHWithConfig(const std::optional<std::string>& configPath,
+void VpnConnections::connectSSHWithConfig(const std::optional<std::string>& configPath,
                                            const std::optional<std::string>& host,
                                            const std::optional<std::string>& credentials, std::uint64_t comPort,
                                            PidReply reply) {

@@ -1,14 +1,14 @@
 // connectVPNCWithConfig: vpnc for Cisco IPsec, its streams joined to the
 // client's com port.
 #include "backends/BackendSupport.h"
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
 #include "util/Log.h"
 
 namespace korvo {
 
-void KorvoHelperTool::connectVPNCWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+void VpnConnections::connectVPNCWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
                                             PidReply reply) {
     const auto bundle = korvoBundle();
     const std::string tmpDir = tmpDirPath();

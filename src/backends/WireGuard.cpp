@@ -15,7 +15,7 @@
 #include "backends/ConnectionDirectory.h"
 #include "backends/WireGuardConfig.h"
 #include "backends/WireGuardTunnel.h"
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "process/CapturedProcessOutput.h"
 #include "util/DataAdditions.h"
 #include "util/FileSystem.h"
@@ -64,7 +64,7 @@ Result<TunnelConfiguration> readTunnelConfiguration(const std::string& configPat
 // configuration is written where only root can reach it: the client could
 // swap a file in its own temporary directory between the write and the
 // control program's read.
-MaybeError configureTunnel(KorvoHelperTool& tool, const std::string& controlPath, const TunnelConfiguration& tunnel,
+MaybeError configureTunnel(VpnConnections& tool, const std::string& controlPath, const TunnelConfiguration& tunnel,
                            const std::string& connectionName, pid_t pid) {
     if (!tool.services().storeArea) {
         return errorWithKorvoErrorCode(kHelperProblemCode, std::string("The helper has no run directory."));
@@ -82,28 +82,28 @@ MaybeError configureTunnel(KorvoHelperTool& tool, const std::string& controlPath
     if (setconfError) return setconfError;
 
     tool.startedProcesses().recordLink(pid, tunnel.interfaceName);
-    if (auto upError = wireGuardBringInterfaceUp(tool, tunnel.interfaceName)) return upError;
+    if (auto upError = wireGuardBringInterfaceUp(tool.tunnelInterfaces(), tunnel.interfaceName)) return upError;
     for (const std::string& address : tunnel.addresses) {
-        if (auto addressError = wireGuardConfigureAddress(tool, tunnel.interfaceName, address)) return addressError;
+        if (auto addressError = wireGuardConfigureAddress(tool.tunnelInterfaces(), tunnel.interfaceName, address)) return addressError;
     }
     return std::nullopt;
 }
 
 }  // namespace
 
-void KorvoHelperTool::connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+void VpnConnections::connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
                                                  PidReply reply) {
     connectWireGuardVariantWithConfig(configPath, "wireguard-go", "wg", "WireGuard", "/var/run/wireguard", comPort,
                                       std::move(reply));
 }
 
-void KorvoHelperTool::connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
+void VpnConnections::connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
                                                  PidReply reply) {
     connectWireGuardVariantWithConfig(configPath, "amneziawg-go", "awg", "AmneziaWG", "/var/run/amneziawg", comPort,
                                       std::move(reply));
 }
 
-void KorvoHelperTool::connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
+void VpnConnections::connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
                                                         const std::string& userspaceExecutableName,
                                                         const std::string& controlExecutableName,
                                                         const std::string& displayName,

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "backends/WireGuardConfig.h"
-#include "core/HelperTool.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 #include "process/ProcessProbe.h"
 #include "util/CharacterSets.h"
@@ -22,12 +21,6 @@ constexpr std::chrono::milliseconds kControlSocketTimeout{5000};
 constexpr std::chrono::milliseconds kControlSocketPollInterval{100};
 
 
-// The service object's interface service; the platform's own when it was
-// made without one.
-std::shared_ptr<platform::TunnelInterfaceConfigurator> tunnelInterfaces(KorvoHelperTool& tool) {
-    if (const auto& configured = tool.services().tunnelInterfaces) return configured;
-    return platform::makeSystemTunnelInterfaceConfigurator();
-}
 
 }  // namespace
 
@@ -62,7 +55,7 @@ MaybeError wireGuardWaitForControlSocket(const std::string& interfaceName, const
     }
 }
 
-MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& interfaceName,
+MaybeError wireGuardConfigureAddress(platform::TunnelInterfaceConfigurator& interfaces, const std::string& interfaceName,
                                      const std::string& address) {
     const std::string_view text = address;
     const auto slash = text.find('/');
@@ -78,17 +71,17 @@ MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& i
 
     if (host.find(':') != std::string::npos) {
         if (prefixLength < 1 || prefixLength > 128) prefixLength = 128;
-        return tunnelInterfaces(tool)->addIPv6Address(tool, interfaceName, host, prefixLength);
+        return interfaces.addIPv6Address(interfaceName, host, prefixLength);
     }
     // Whatever prefix was written, the tunnel's IPv4 address is a host
     // address on the point-to-point link; the networks behind the tunnel are
     // reached through the routes the client adds.
-    return tunnelInterfaces(tool)->addIPv4Address(tool, interfaceName, host, host,
+    return interfaces.addIPv4Address(interfaceName, host, host,
                                                   netmaskStringForPrefixLength(32).value());
 }
 
-MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName) {
-    return tunnelInterfaces(tool)->bringInterfaceUp(tool, interfaceName);
+MaybeError wireGuardBringInterfaceUp(platform::TunnelInterfaceConfigurator& interfaces, const std::string& interfaceName) {
+    return interfaces.bringInterfaceUp(interfaceName);
 }
 
 }  // namespace korvo

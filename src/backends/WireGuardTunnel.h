@@ -7,12 +7,12 @@
 
 #include <string>
 
+#include "platform/TunnelInterfaceConfigurator.h"
 #include "util/Error.h"
 
 namespace korvo {
 
 class CSCapturedProcessOutput;
-class KorvoHelperTool;
 
 // message, with " Backend output: TEXT" appended when the program's captured
 // output holds text (output may be null).
@@ -29,10 +29,10 @@ MaybeError wireGuardWaitForControlSocket(const std::string& interfaceName, const
 // length is ignored, networks behind the tunnel come from routes), an IPv6
 // address with its prefix length (32 when none is written). An empty host
 // is skipped without error.
-MaybeError wireGuardConfigureAddress(KorvoHelperTool& tool, const std::string& interfaceName,
+MaybeError wireGuardConfigureAddress(platform::TunnelInterfaceConfigurator& interfaces, const std::string& interfaceName,
                                      const std::string& address);
 
 // Sets the tunnel interface's up flag.
-MaybeError wireGuardBringInterfaceUp(KorvoHelperTool& tool, const std::string& interfaceName);
+MaybeError wireGuardBringInterfaceUp(platform::TunnelInterfaceConfigurator& interfaces, const std::string& interfaceName);
 
 }  // namespace korvo

@@ -13,22 +13,9 @@
 #include "platform/CodeSigning.h"
 #include "platform/ServiceListener.h"
 #include "util/ClientGroup.h"
+#include "util/KorvoIdentity.h"
 
 namespace korvo {
-
-// The vendor's signing team: the OU of the leaf certificate of everything
-// the vendor signs.
-#define KORVO_SIGNING_TEAM "Q4XW82KTJN"
-
-inline constexpr std::string_view KorvoClientRequirement =
-    "anchor apple generic and identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = " KORVO_SIGNING_TEAM;
-
-// What a program must satisfy for the helper to start it from the client's
-// bundle: signed by the vendor, whichever program it is. Stricter than a
-// valid signature: a caller may name any bundle, and with it any signed
-// program.
-inline constexpr std::string_view KorvoProgramRequirement =
-    "anchor apple generic and certificate leaf[subject.OU] = " KORVO_SIGNING_TEAM;
 
 class ClientAcceptance {
 public:

@@ -7,7 +7,6 @@
 #include <cstdlib>
 
 #include "core/ClientAcceptance.h"
-#include "platform/CodeSigning.h"
 #include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "util/Log.h"
@@ -24,14 +23,6 @@ constexpr std::string_view kNetworkResetQueueLabel = "com.tallowmar.korvo.utilit
 [[noreturn]] void exitProcess(int status) {
     std::fflush(nullptr);
     ::_exit(status);
-}
-
-// The process's temporary directory with a trailing "/": $TMPDIR, else /tmp.
-std::string processTemporaryDirectory() {
-    const char* tmpdir = std::getenv("TMPDIR");
-    std::string dir = (tmpdir != nullptr && *tmpdir == '/') ? tmpdir : "/tmp";
-    if (dir.back() != '/') dir += '/';
-    return dir;
 }
 
 }  // namespace
@@ -74,7 +65,6 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         listenerDelegate_ = std::make_unique<HelperToolListenerDelegate>(*this);
         listener_ = services_.makeListener(HelperServiceName, *listenerDelegate_);
     }
-    tmpDirPath_ = processTemporaryDirectory();
     // Made before any request can use it; a failure leaves the requests that
     // need it to fail, and says why here.
     if (services_.storeArea) {
@@ -83,13 +73,24 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
         }
     }
     startedProcesses_ = std::make_unique<StartedProcesses>(services_.storeArea);
+    programRunner_ = std::make_unique<ProgramRunner>(services_.codeSigning, settings_, *startedProcesses_);
+    vpnConnections_ = std::make_unique<VpnConnections>(
+        BackendServices{services_.codeSigning, services_.storeArea, services_.tunnelInterfaces}, settings_,
+        *programRunner_);
     if (services_.locateApplicationBundle) {
-        if (auto path = services_.locateApplicationBundle()) korvoBundle_ = Bundle::bundleWithPath(*path);
+        if (auto path = services_.locateApplicationBundle()) settings_.setKorvoBundlePath(*path);
     }
     // Each queue needs at most one thread at a time.
     queuePool_ = std::make_shared<WorkerPool>(2);
-    networkDiagnostics_ = std::make_unique<NetworkDiagnostics>(networkDiagnosticsServices());
     networkResetQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkResetQueueLabel), queuePool_);
+    NetworkDiagnosticsServices diagnostics;
+    diagnostics.pool = queuePool_;
+    diagnostics.korvoBundle = [this] { return settings_.korvoBundle(); };
+    diagnostics.storeArea = services_.storeArea;
+    diagnostics.codeSigning = services_.codeSigning;
+    diagnostics.openShell = [this] { return programRunner_->openSystemToolForLaunch(SystemTool::Bash); };
+    diagnostics.periodicSchedule = services_.networkDiagnosticsPeriodicSchedule;
+    networkDiagnostics_ = std::make_unique<NetworkDiagnostics>(std::move(diagnostics));
 }
 
 KorvoHelperTool::~KorvoHelperTool() {
@@ -139,66 +140,6 @@ void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
     }
     stopRequested_ = true;
     runCondition_.notify_all();
-}
-
-void KorvoHelperTool::setKorvoBundlePath(const std::optional<std::string>& path) {
-    std::optional<Bundle> bundle = path ? Bundle::bundleWithPath(*path) : std::nullopt;
-    std::lock_guard lock(objectLock_);
-    korvoBundle_ = std::move(bundle);
-}
-
-void KorvoHelperTool::setTmpDirPath(const std::optional<std::string>& path) {
-    std::lock_guard lock(objectLock_);
-    tmpDirPath_ = path;
-}
-
-NetworkDiagnosticsServices KorvoHelperTool::networkDiagnosticsServices() {
-    NetworkDiagnosticsServices diagnostics;
-    diagnostics.pool = queuePool_;
-    diagnostics.dynamicStore = nullptr;  // the platform's dynamic store, once the helper has one
-    diagnostics.korvoBundle = [this] { return korvoBundle(); };
-    diagnostics.storeArea = services_.storeArea;
-    diagnostics.isVendorProgram = [signing = services_.codeSigning](int fd) {
-        return signing && signing->checkExecutable(fd, KorvoProgramRequirement) == platform::codesign_status::kSuccess;
-    };
-    diagnostics.openShell = [this] { return openSystemToolForLaunch(SystemTool::Bash); };
-    diagnostics.periodicSchedule = services_.networkDiagnosticsPeriodicSchedule;
-    return diagnostics;
-}
-
-void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath,
-                                                          const std::optional<CallerRights>& caller) {
-    networkDiagnostics_->setNetworkDiagnosticsCaptureEnabled(enabled, logFilePath, caller);
-}
-
-void KorvoHelperTool::networkDiagnosticsConnectionEstablishedForServiceType(
-    std::int64_t serviceType, const std::optional<std::string>& accountDescription) {
-    networkDiagnostics_->networkDiagnosticsConnectionEstablishedForServiceType(serviceType, accountDescription);
-}
-
-void KorvoHelperTool::networkDiagnosticsConnectionTerminatedForServiceType(
-    std::int64_t serviceType, const std::optional<std::string>& accountDescription) {
-    networkDiagnostics_->networkDiagnosticsConnectionTerminatedForServiceType(serviceType, accountDescription);
-}
-
-void KorvoHelperTool::setVPNDebugLoggingEnabled(bool enabled) {
-    std::lock_guard lock(objectLock_);
-    vpnDebugLoggingEnabled_ = enabled;
-}
-
-std::string KorvoHelperTool::tmpDirPath() const {
-    std::lock_guard lock(objectLock_);
-    return tmpDirPath_.value_or(std::string());
-}
-
-std::optional<Bundle> KorvoHelperTool::korvoBundle() const {
-    std::lock_guard lock(objectLock_);
-    return korvoBundle_;
-}
-
-bool KorvoHelperTool::vpnDebugLoggingEnabled() const {
-    std::lock_guard lock(objectLock_);
-    return vpnDebugLoggingEnabled_;
 }
 
 }  // namespace korvo

@@ -1,7 +1,9 @@
 // KorvoHelperTool: the helper's one service object. Every request of the
-// client arrives as a call of one of its request methods; settings made
-// through the setters last for the life of the process and are shared by all
-// clients.
+// client arrives as a call of one of its request methods, and each method
+// hands the request to the component that does it; this header is where
+// every request and its component can be read off. The object owns the
+// components and the listener; settings made through the setters last for
+// the life of the process and are shared by all clients.
 #pragma once
 
 #include <sys/types.h>
@@ -17,20 +19,20 @@
 #include <string>
 #include <vector>
 
+#include "backends/VpnConnections.h"
 #include "diagnostics/NetworkDiagnostics.h"
-#include "util/Bundle.h"
-#include "util/Error.h"
 #include "platform/CodeSigning.h"
 #include "process/CallerFiles.h"
-#include "process/Executables.h"
-#include "util/UniqueFd.h"
+#include "process/ProgramRunner.h"
 #include "process/StartedProcesses.h"
+#include "util/Error.h"
+#include "util/HelperSettings.h"
+#include "util/KorvoIdentity.h"
 #include "util/StoreArea.h"
 #include "util/Value.h"
 
 namespace korvo {
 
-class CSCapturedProcessOutput;
 class SerialQueue;
 class WorkerPool;
 
@@ -41,13 +43,6 @@ class TunnelInterfaceConfigurator;
 }  // namespace platform
 
 using ErrorReply = std::function<void(const MaybeError&)>;
-using PidReply = std::function<void(const MaybeError&, std::int32_t pid)>;
-using StringReply = std::function<void(const MaybeError&, const std::optional<std::string>&)>;
-using Environment = std::map<std::string, std::string>;
-
-inline constexpr std::string_view HelperServiceName = "com.tallowmar.korvo.utility";
-inline constexpr std::string_view KorvoApplicationIdentifier = "com.tallowmar.Korvo";
-inline constexpr std::string_view KorvoRunDirectory = "/var/run/Korvo";
 
 // The platform services the service object uses. production() gives the real
 // ones; tests replace single services or leave the listener out.
@@ -87,98 +82,75 @@ public:
     void run();
 
     // --- Requests without a reply -------------------------------------------
-    void setKorvoBundlePath(const std::optional<std::string>& path);
-    void setTmpDirPath(const std::optional<std::string>& path);
-    // The log is written with the rights of the caller who named it.
+    void setKorvoBundlePath(const std::optional<std::string>& path) { settings_.setKorvoBundlePath(path); }
+    void setTmpDirPath(const std::optional<std::string>& path) { settings_.setTmpDirPath(path); }
+    void setVPNDebugLoggingEnabled(bool enabled) { settings_.setVPNDebugLoggingEnabled(enabled); }
+
+    // Diagnostics: NetworkDiagnostics. The log is written with the rights of
+    // the caller who named it.
     void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath,
-                                             const std::optional<CallerRights>& caller);
-    void setVPNDebugLoggingEnabled(bool enabled);
+                                             const std::optional<CallerRights>& caller) {
+        networkDiagnostics_->setNetworkDiagnosticsCaptureEnabled(enabled, logFilePath, caller);
+    }
     void networkDiagnosticsConnectionEstablishedForServiceType(std::int64_t serviceType,
-                                                               const std::optional<std::string>& accountDescription);
+                                                               const std::optional<std::string>& accountDescription) {
+        networkDiagnostics_->networkDiagnosticsConnectionEstablishedForServiceType(serviceType, accountDescription);
+    }
     void networkDiagnosticsConnectionTerminatedForServiceType(std::int64_t serviceType,
-                                                              const std::optional<std::string>& accountDescription);
+                                                              const std::optional<std::string>& accountDescription) {
+        networkDiagnostics_->networkDiagnosticsConnectionTerminatedForServiceType(serviceType, accountDescription);
+    }
 
     // --- Requests with a reply ----------------------------------------------
     // Logs, replies, and ends the process with status 0: at once before run,
     // else through run, which first stops the listener.
     void terminateWithReply(ErrorReply reply);
 
+    // The connect requests: VpnConnections.
     void connectOpenVPNWithConfig(const std::optional<std::string>& configPath, std::uint64_t managementPort,
-                                  StringReply reply);
-    void connectVPNCWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort, PidReply reply);
+                                  StringReply reply) {
+        vpnConnections_->connectOpenVPNWithConfig(configPath, managementPort, std::move(reply));
+    }
+    void connectVPNCWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort, PidReply reply) {
+        vpnConnections_->connectVPNCWithConfig(configPath, comPort, std::move(reply));
+    }
     void connectSSHWithConfig(const std::optional<std::string>& configPath, const std::optional<std::string>& host,
-                              const std::optional<std::string>& credentials, std::uint64_t comPort, PidReply reply);
+                              const std::optional<std::string>& credentials, std::uint64_t comPort, PidReply reply) {
+        vpnConnections_->connectSSHWithConfig(configPath, host, credentials, comPort, std::move(reply));
+    }
     void connectOpenConnectWithConfig(const std::optional<std::string>& configPath,
                                       const std::optional<std::string>& host,
                                       const std::optional<std::string>& resolve,
                                       const std::optional<std::string>& credentials,
                                       const std::optional<std::string>& hash, std::uint64_t comPort,
-                                      PidReply reply);
+                                      PidReply reply) {
+        vpnConnections_->connectOpenConnectWithConfig(configPath, host, resolve, credentials, hash, comPort,
+                                                      std::move(reply));
+    }
     void connectWireGuardWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
-                                    PidReply reply);
+                                    PidReply reply) {
+        vpnConnections_->connectWireGuardWithConfig(configPath, comPort, std::move(reply));
+    }
     void connectAmneziaWGWithConfig(const std::optional<std::string>& configPath, std::uint64_t comPort,
-                                    PidReply reply);
-    // The shared WireGuard-family procedure behind the two requests above.
-    void connectWireGuardVariantWithConfig(const std::optional<std::string>& configPath,
-                                           const std::string& userspaceExecutableName,
-                                           const std::string& controlExecutableName,
-                                           const std::string& displayName, const std::string& uapiDirectory,
-                                           std::uint64_t comPort, PidReply reply);
+                                    PidReply reply) {
+        vpnConnections_->connectAmneziaWGWithConfig(configPath, comPort, std::move(reply));
+    }
 
-    // --- Process runner -------------------------------------------------------
-    // Starts the executable at path after checking its signature; returns the
-    // child's process identifier, or -1 with *error set (when error is given).
-    // The file is opened once (openExecutableForLaunch) and the child started
-    // from that descriptor. standardInputText, when given, is the child's
-    // whole standard input (instead of the com port's).
-    pid_t runServiceAtPath(const std::optional<std::string>& path,
-                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
-                           bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
-                           std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error,
-                           const std::optional<std::string>& standardInputText = std::nullopt);
-    pid_t runServiceAtPath(const std::optional<std::string>& path,
-                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
-                           bool waitUntilExit, const std::optional<Environment>& additionalEnvironment,
-                           MaybeError* error);
-    pid_t runServiceAtPath(const std::optional<std::string>& path,
-                           const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort,
-                           bool waitUntilExit, MaybeError* error);
-    // The same for one of the helper's own system tools.
-    pid_t runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
-                        std::uint64_t comPort, bool waitUntilExit,
-                        const std::optional<Environment>& additionalEnvironment,
-                        std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error);
-    // The program at path opened for starting it (openProgramFile) when that
-    // open file satisfies KorvoProgramRequirement; invalid otherwise. Start
-    // it from this descriptor (ChildProcess::Options::executableDescriptor).
-    UniqueFd openExecutableForLaunch(const std::string& path);
-    // The same for a system tool, which may also be an unsigned system
-    // executable.
-    UniqueFd openSystemToolForLaunch(SystemTool tool);
-    // A connected TCP socket to the client's com port on this host (the
-    // caller owns the descriptor), or -1.
-    int openSocketOnPort(std::uint64_t port);
-    bool killProcessWithID(pid_t pid, int signal);
-    platform::CodeSignState codeSignStateForExecutable(const std::string& path);
-
-    // --- Backend helpers shared by several backends ---------------------------
-    Environment opensslLegacyProviderEnvironment();
-    static bool configFileAtPath(const std::string& path, const std::string& directive);
-
-    // --- Fields -----------------------------------------------------------------
-    // Empty after the client has set nil.
-    std::string tmpDirPath() const;
-    std::optional<Bundle> korvoBundle() const;
-    bool vpnDebugLoggingEnabled() const;
+    // --- Components -------------------------------------------------------------
+    const HelperSettings& settings() const { return settings_; }
+    // Every program the helper starts goes through the runner.
+    ProgramRunner& programRunner() { return *programRunner_; }
+    VpnConnections& vpnConnections() { return *vpnConnections_; }
     // Diagnostics capture and log; also what a network reset suppresses.
     NetworkDiagnostics& networkDiagnostics() { return *networkDiagnostics_; }
-    SerialQueue& networkResetQueue() { return *networkResetQueue_; }
-    platform::ServiceListener* listener() const { return listener_.get(); }
-    const HelperServices& services() const { return services_; }
     // The programs the helper started and the links they made: the only
     // ones it will ever signal or delete.
     StartedProcesses& startedProcesses() { return *startedProcesses_; }
 
+    // --- Fields -----------------------------------------------------------------
+    SerialQueue& networkResetQueue() { return *networkResetQueue_; }
+    platform::ServiceListener* listener() const { return listener_.get(); }
+    const HelperServices& services() const { return services_; }
     // The service object's own lock: guards the fields below and the
     // transaction store. Never held across a slow operation.
     std::recursive_mutex& objectLock() const { return objectLock_; }
@@ -187,15 +159,15 @@ private:
     HelperServices services_;
 
     mutable std::recursive_mutex objectLock_;
-    std::optional<std::string> tmpDirPath_;
-    std::optional<Bundle> korvoBundle_;
+    HelperSettings settings_;
     std::map<std::string, Dictionary> networkTransactions_;
     // The threads the two queues below run on.
     std::shared_ptr<WorkerPool> queuePool_;
-    std::unique_ptr<NetworkDiagnostics> networkDiagnostics_;
     std::unique_ptr<SerialQueue> networkResetQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
-    bool vpnDebugLoggingEnabled_ = false;
+    std::unique_ptr<ProgramRunner> programRunner_;
+    std::unique_ptr<VpnConnections> vpnConnections_;
+    std::unique_ptr<NetworkDiagnostics> networkDiagnostics_;
 
     std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;
     std::unique_ptr<platform::ServiceListener> listener_;
@@ -209,7 +181,6 @@ private:
 
     friend class HelperToolListenerDelegate;
     void listenerDidFail(const std::string& reason);
-    NetworkDiagnosticsServices networkDiagnosticsServices();
 };
 
 }  // namespace korvo

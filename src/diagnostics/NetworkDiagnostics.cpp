@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "backends/BackendSupport.h"
 #include "backends/ConnectionDirectory.h"
 #include "diagnostics/CaptureRun.h"
 #include "diagnostics/CaptureScript.h"
@@ -183,13 +184,12 @@ void NetworkDiagnostics::_currentActiveRouterAddress(std::string* router, std::s
 std::string NetworkDiagnostics::wireGuardToolCopy() {
     const std::optional<Bundle> bundle = services_.korvoBundle ? services_.korvoBundle() : std::nullopt;
     const auto source = bundle ? bundle->pathForAuxiliaryExecutable("wg") : std::nullopt;
-    if (!source || !services_.storeArea || !services_.isVendorProgram) return std::string();
+    if (!source || !services_.storeArea || !services_.codeSigning) return std::string();
     auto directory = ConnectionDirectory::create(*services_.storeArea, kCopyDirectory);
     if (!directory) return std::string();
     // The script runs the copy as root: only the vendor's wg, copied where
     // the client cannot change it, is ever handed over.
-    auto copy = directory->copyProgram(*source, "wg", 0700,
-                                       [this](int fd, int, const std::string&) { return services_.isVendorProgram(fd); });
+    auto copy = copyVendorProgram(*services_.codeSigning, *directory, *source, "wg", 0700, false);
     if (!copy) {
         logMessage(LOG_WARNING, "Cannot verify signature of executable at path '%s'.", source->c_str());
         return std::string();

@@ -32,8 +32,9 @@ class StoreArea;
 class WorkerPool;
 
 namespace platform {
+class CodeSigning;
 class DynamicStore;
-}
+}  // namespace platform
 
 inline constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.utility.networkDiagnostics";
 
@@ -48,8 +49,8 @@ struct NetworkDiagnosticsServices {
     std::function<std::optional<Bundle>()> korvoBundle;
     // Where the checked copy of wg is kept; null: the capture runs no wg.
     std::shared_ptr<StoreArea> storeArea;
-    // Whether the open program file is the vendor's (wg runs only then).
-    std::function<bool(int fd)> isVendorProgram;
+    // Checks that the copy of wg is the vendor's; null: no wg runs.
+    std::shared_ptr<platform::CodeSigning> codeSigning;
     // /bin/bash opened and checked for starting; invalid when refused.
     std::function<UniqueFd()> openShell;
     // Appends bytes to the file at path with the rights of caller; empty:

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/SystemToolRunner.h"
 #include "util/Error.h"
 
 namespace korvo::platform {
@@ -58,6 +59,6 @@ public:
 
 // The platform's routing table. Thread-safe; it may hold one open socket for
 // its lifetime.
-std::shared_ptr<RouteTable> makeSystemRouteTable();
+std::shared_ptr<RouteTable> makeSystemRouteTable(SystemToolRunner runTool = {});
 
 }  // namespace korvo::platform

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "core/HelperTool.h"
+#include "backends/VpnConnections.h"
 #include "support/TestSupport.h"
 
 namespace korvo {
@@ -21,7 +21,7 @@ protected:
     bool contains(const std::string& text, const std::string& directive) {
         const std::string path = dir_ + "/c.ovpn";
         std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-        return KorvoHelperTool::configFileAtPath(path, directive);
+        return VpnConnections::configFileAtPath(path, directive);
     }
 };
 
@@ -38,8 +38,8 @@ TEST_F(DirectiveTest, FirstWordOfAnUncommentedLineMustMatchExactly) {
 
 TEST_F(DirectiveTest, UnreadableOrNonUTF8ConfigurationHasNoDirectives) {
     EXPECT_FALSE(contains("verb 3\n\xff\xfe\n", "verb"));
-    EXPECT_FALSE(KorvoHelperTool::configFileAtPath(dir_ + "/absent.ovpn", "verb"));
-    EXPECT_FALSE(KorvoHelperTool::configFileAtPath(dir_, "verb"));
+    EXPECT_FALSE(VpnConnections::configFileAtPath(dir_ + "/absent.ovpn", "verb"));
+    EXPECT_FALSE(VpnConnections::configFileAtPath(dir_, "verb"));
 }
 
 std::string removed(const std::string& text, bool expectRemoval) {

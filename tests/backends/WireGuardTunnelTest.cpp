@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "backends/WireGuardTunnel.h"
-#include "core/HelperTool.h"
+#include "backends/WireGuardTunnel.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ChildProcess.h"
@@ -99,16 +99,16 @@ TEST(WireGuardControlSocketWaitTest, GivesUpAfterFiveSeconds) {
 // Records what the backend asks of the interface.
 class RecordingInterfaces final : public platform::TunnelInterfaceConfigurator {
 public:
-    MaybeError bringInterfaceUp(KorvoHelperTool&, const std::string& name) override {
+    MaybeError bringInterfaceUp(const std::string& name) override {
         calls.push_back("up " + name);
         return failure;
     }
-    MaybeError addIPv4Address(KorvoHelperTool&, const std::string& name, const std::string& local,
+    MaybeError addIPv4Address(const std::string& name, const std::string& local,
                               const std::string& destination, const std::string& netmask) override {
         calls.push_back("inet " + name + " " + local + " " + destination + " " + netmask);
         return failure;
     }
-    MaybeError addIPv6Address(KorvoHelperTool&, const std::string& name, const std::string& address,
+    MaybeError addIPv6Address(const std::string& name, const std::string& address,
                               long prefixLength) override {
         calls.push_back("inet6 " + name + " " + address + "/" + std::to_string(prefixLength));
         return failure;
@@ -119,21 +119,15 @@ public:
 
 class WireGuardAddressTest : public ::testing::Test {
 protected:
-    static HelperServices servicesWith(std::shared_ptr<RecordingInterfaces> interfaces) {
-        HelperServices services;
-        services.tunnelInterfaces = std::move(interfaces);
-        return services;
-    }
     std::vector<std::string> configure(const std::vector<std::string>& addresses) {
         interfaces->calls.clear();
         for (const auto& address : addresses) {
-            const MaybeError error = wireGuardConfigureAddress(tool, "utun7", address);
+            const MaybeError error = wireGuardConfigureAddress(*interfaces, "utun7", address);
             EXPECT_EQ(error, std::nullopt) << address;
         }
         return interfaces->calls;
     }
     std::shared_ptr<RecordingInterfaces> interfaces = std::make_shared<RecordingInterfaces>();
-    KorvoHelperTool tool{servicesWith(interfaces)};
 };
 
 // IPv4: a host address on the point-to-point link, whatever the prefix.
@@ -158,7 +152,7 @@ TEST_F(WireGuardAddressTest, EmptyHostsAreSkippedAndFailuresReturned) {
     EXPECT_THAT(configure({"", "/24", "  /64"}), IsEmpty());
 
     interfaces->failure = errorWithKorvoErrorCode(68, std::string("Could not add address"));
-    const MaybeError error = wireGuardConfigureAddress(tool, "utun7", "10.0.0.2/32");
+    const MaybeError error = wireGuardConfigureAddress(*interfaces, "utun7", "10.0.0.2/32");
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, 68);
     EXPECT_THAT(descriptionOf(error), HasSubstr("Could not add address"));

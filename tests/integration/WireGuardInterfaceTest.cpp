@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
-#include "core/HelperTool.h"
 #include "platform/TunnelInterfaceConfigurator.h"
 
 namespace korvo::test {
@@ -26,20 +25,19 @@ protected:
 
     std::shared_ptr<platform::TunnelInterfaceConfigurator> interfaces =
         platform::makeSystemTunnelInterfaceConfigurator();
-    KorvoHelperTool tool{HelperServices{}};
 };
 
 TEST_F(TunnelInterfaceTest, UpWithAHostAddressAndAnIPv6Prefix) {
-    EXPECT_EQ(interfaces->bringInterfaceUp(tool, "ktun0"), std::nullopt);
+    EXPECT_EQ(interfaces->bringInterfaceUp("ktun0"), std::nullopt);
     EXPECT_THAT(shell("ip -o link show dev ktun0").output, HasSubstr(",UP"));
 
-    EXPECT_EQ(interfaces->addIPv4Address(tool, "ktun0", "10.1.0.2", "10.1.0.2", "255.255.255.255"), std::nullopt);
+    EXPECT_EQ(interfaces->addIPv4Address("ktun0", "10.1.0.2", "10.1.0.2", "255.255.255.255"), std::nullopt);
     // Adding what is already there succeeds, as with ifconfig.
-    EXPECT_EQ(interfaces->addIPv4Address(tool, "ktun0", "10.1.0.2", "10.1.0.2", "255.255.255.255"), std::nullopt);
+    EXPECT_EQ(interfaces->addIPv4Address("ktun0", "10.1.0.2", "10.1.0.2", "255.255.255.255"), std::nullopt);
     // A point-to-point pair: our end and the peer's.
-    EXPECT_EQ(interfaces->addIPv4Address(tool, "ktun0", "10.1.0.3", "10.1.0.4", "255.255.255.255"), std::nullopt);
-    EXPECT_EQ(interfaces->addIPv6Address(tool, "ktun0", "fd00::2", 64), std::nullopt);
-    EXPECT_EQ(interfaces->addIPv6Address(tool, "ktun0", "fd00:1::2", 32), std::nullopt);
+    EXPECT_EQ(interfaces->addIPv4Address("ktun0", "10.1.0.3", "10.1.0.4", "255.255.255.255"), std::nullopt);
+    EXPECT_EQ(interfaces->addIPv6Address("ktun0", "fd00::2", 64), std::nullopt);
+    EXPECT_EQ(interfaces->addIPv6Address("ktun0", "fd00:1::2", 32), std::nullopt);
 
     const std::string addresses = shell("ip -o addr show dev ktun0").output;
     EXPECT_THAT(addresses, AllOf(HasSubstr("inet 10.1.0.2/32"), HasSubstr("inet 10.1.0.3 peer 10.1.0.4/32"),
@@ -47,23 +45,23 @@ TEST_F(TunnelInterfaceTest, UpWithAHostAddressAndAnIPv6Prefix) {
 }
 
 TEST_F(TunnelInterfaceTest, FailuresAreCode68WithTheReason) {
-    MaybeError error = interfaces->bringInterfaceUp(tool, "knosuch0");
+    MaybeError error = interfaces->bringInterfaceUp("knosuch0");
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, 68);
     EXPECT_THAT(descriptionOf(error), EndsWith("\n\nCould not set interface knosuch0 up: No such device"));
 
-    error = interfaces->addIPv4Address(tool, "knosuch0", "10.1.0.2", "10.1.0.2", "255.255.255.255");
+    error = interfaces->addIPv4Address("knosuch0", "10.1.0.2", "10.1.0.2", "255.255.255.255");
     EXPECT_THAT(descriptionOf(error), EndsWith("Could not add address 10.1.0.2 to interface knosuch0: No such device"));
-    error = interfaces->addIPv6Address(tool, "knosuch0", "fd00::2", 64);
+    error = interfaces->addIPv6Address("knosuch0", "fd00::2", 64);
     EXPECT_THAT(descriptionOf(error),
                 EndsWith("Could not add address fd00::2/64 to interface knosuch0: No such device"));
 
-    error = interfaces->addIPv4Address(tool, "ktun0", "10.1.0.300", "10.1.0.300", "255.255.255.255");
+    error = interfaces->addIPv4Address("ktun0", "10.1.0.300", "10.1.0.300", "255.255.255.255");
     EXPECT_THAT(descriptionOf(error),
                 EndsWith("Could not add address 10.1.0.300 to interface ktun0: Invalid argument"));
-    error = interfaces->addIPv4Address(tool, "ktun0", "10.1.0.2", "10.1.0.2", "255.0.255.0");
+    error = interfaces->addIPv4Address("ktun0", "10.1.0.2", "10.1.0.2", "255.0.255.0");
     EXPECT_THAT(descriptionOf(error), HasSubstr("Invalid argument"));
-    error = interfaces->addIPv6Address(tool, "ktun0", "10.1.0.2", 64);
+    error = interfaces->addIPv6Address("ktun0", "10.1.0.2", 64);
     EXPECT_THAT(descriptionOf(error), HasSubstr("Invalid argument"));
     EXPECT_EQ(shell("ip -o addr show dev ktun0").output, "");
 }

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "SigningTestSupport.h"
-#include "core/ClientAcceptance.h"
+#include "util/KorvoIdentity.h"
 #include "platform/linux/CodeSigningLinux.h"
 #include "util/UniqueFd.h"
 

@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/CodeSigner.h"
-#include "platform/linux/CodeSigningAnchors.h"
-#include "platform/linux/CodeSigningLinux.h"
-#include "platform/linux/SignatureVerifier.h"
+#include "platform/linux/codesigning/CodeSigner.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/CodeSigningLinux.h"
+#include "platform/linux/codesigning/SignatureVerifier.h"
 #include "util/UniqueFd.h"
 
 namespace {

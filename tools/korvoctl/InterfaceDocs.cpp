@@ -1,9 +1,8 @@
 #include "InterfaceDocs.h"
 
-#include "core/HelperTool.h"
+#include "util/KorvoIdentity.h"
 #include "util/ProtocolArguments.h"
-#include "platform/linux/DbusListener.h"
-#include "platform/linux/DbusValueCodec.h"
+#include "platform/linux/bus/DbusValueCodec.h"
 #include "util/FileSystem.h"
 
 namespace korvo::ctl {

@@ -2,11 +2,10 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "core/HelperTool.h"
+#include "util/KorvoIdentity.h"
 #include "util/Protocol.h"
 #include "util/ProtocolArguments.h"
-#include "platform/linux/DbusListener.h"
-#include "platform/linux/DbusValueCodec.h"
+#include "platform/linux/bus/DbusValueCodec.h"
 
 namespace korvo {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/DbusListener.h"
+#include "platform/linux/bus/DbusListener.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -12,7 +12,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "platform/linux/DbusValueCodec.h"
+#include "platform/linux/bus/DbusValueCodec.h"
 #include "util/ProtocolArguments.h"
 #include "util/Log.h"
 #include "util/SerialQueue.h"
@@ -160,21 +160,7 @@ KorvoError busError(const std::string& name, const std::string& message) {
     return KorvoError{name, 0, Dictionary{{std::string(LocalizedDescriptionKey), message}}};
 }
 
-std::string objectPathForServiceName(std::string_view serviceName) {
-    std::string path = "/";
-    for (const char c : serviceName) {
-        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-        path += c == '.' ? '/' : (allowed ? c : '_');
-    }
-    return path;
-}
-
 }  // namespace
-
-BusServiceNames BusServiceNames::forService(std::string_view serviceName) {
-    return {std::string(serviceName), objectPathForServiceName(serviceName),
-            std::string(serviceName) + ".KorvoHelperToolProtocol"};
-}
 
 std::unique_ptr<ServiceListener> makeServiceListener(std::string_view serviceName, ServiceListenerDelegate& delegate) {
     return std::make_unique<DbusListener>(serviceName, delegate);

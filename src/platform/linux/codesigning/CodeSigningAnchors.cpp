@@ -1,8 +1,8 @@
-#include "platform/linux/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
 
 #include <openssl/pem.h>
 
-#include "platform/linux/OpenSslHandles.h"
+#include "platform/linux/codesigning/OpenSslHandles.h"
 #include "util/FileSystem.h"
 
 namespace korvo::platform::codesign {

@@ -1,4 +1,4 @@
-#include "platform/linux/SignatureBlock.h"
+#include "platform/linux/codesigning/SignatureBlock.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "platform/RouteTable.h"
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 
 namespace korvo::platform {
 

@@ -1,7 +1,8 @@
-// The service object's process runner: the signature gate on the program's
-// open file, the child started from that file, its standard streams (the
-// client's com port or a pipe), the optional wait and the error made from a
-// failing exit.
+// The signature gate on the program's open file, the child started from
+// that file, its standard streams (the client's com port or a pipe), the
+// optional wait and the error made from a failing exit.
+#include "process/ProgramRunner.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,15 +15,16 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "core/ClientAcceptance.h"
-#include "core/HelperTool.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ChildProcess.h"
 #include "process/ProcessProbe.h"
 #include "process/ProcessWatcher.h"
+#include "process/StartedProcesses.h"
 #include "util/UniqueFd.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"
+#include "util/HelperSettings.h"
+#include "util/KorvoIdentity.h"
 #include "util/Log.h"
 #include "util/Utf8.h"
 
@@ -117,14 +119,14 @@ struct ChildStreams {
     UniqueFd outputRead, outputWrite, comSocket, input;
 
     // nullopt on success, else the error message.
-    std::optional<std::string> open(KorvoHelperTool& tool, std::uint64_t comPort,
+    std::optional<std::string> open(ProgramRunner& runner, std::uint64_t comPort,
                                     const std::optional<std::string>& standardInputText) {
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) return "";
         outputRead.reset(ends[0]);
         outputWrite.reset(ends[1]);
         if (comPort != 0) {
-            comSocket.reset(tool.openSocketOnPort(comPort));
+            comSocket.reset(runner.openSocketOnPort(comPort));
             if (!comSocket) return "Could not open the VPN process communication socket.";
         }
         // A secret that must not show in the arguments comes as a pipe that
@@ -191,7 +193,7 @@ pid_t failedExit(const std::string& path, const std::shared_ptr<OutputTail>& tai
 
 // The launch shared by the runner's two entries, once the program's file is
 // open and checked (executable invalid: the check failed).
-pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd executable,
+pid_t runChecked(ProgramRunner& runner, const std::string& path, UniqueFd executable,
                  const std::optional<std::vector<std::string>>& arguments, std::uint64_t comPort, bool waitUntilExit,
                  const std::optional<Environment>& additionalEnvironment,
                  std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error,
@@ -206,7 +208,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
     ChildProcess::Options options;
     options.executable = path;
     options.executableDescriptor = executable.get();
-    options.workingDirectory = tool.tmpDirPath();
+    options.workingDirectory = runner.settings().tmpDirPath();
     if (additionalEnvironment && !additionalEnvironment->empty()) {
         auto environment = helperEnvironment();
         for (const auto& [key, value] : *additionalEnvironment) environment[key] = value;
@@ -215,7 +217,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
     if (arguments) options.arguments = *arguments;
 
     ChildStreams streams;
-    if (const auto problem = streams.open(tool, comPort, standardInputText)) {
+    if (const auto problem = streams.open(runner, comPort, standardInputText)) {
         if (!problem->empty()) return failLaunch(error, kLaunchingCode, *problem, nullptr, path);
         return failLaunch(error, kLaunchingCode, formatString("Cannot find executable at path %s", path.c_str()),
                           kCouldNotExecute, path);
@@ -240,7 +242,7 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
     if (comPort == 0) tail = drainOutput(std::move(streams.outputRead), waitUntilExit && error, collector);
 
     if (!waitUntilExit) {
-        tool.startedProcesses().recordStart(child->pid(), path);
+        runner.startedProcesses().recordStart(child->pid(), path);
         return child->pid();
     }
     if (child->waitUntilExit() == 0) return child->pid();
@@ -250,7 +252,11 @@ pid_t runChecked(KorvoHelperTool& tool, const std::string& path, UniqueFd execut
 
 }  // namespace
 
-pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+ProgramRunner::ProgramRunner(std::shared_ptr<platform::CodeSigning> codeSigning, const HelperSettings& settings,
+                             StartedProcesses& startedProcesses)
+    : codeSigning_(std::move(codeSigning)), settings_(settings), startedProcesses_(startedProcesses) {}
+
+pid_t ProgramRunner::runServiceAtPath(const std::optional<std::string>& path,
                                         const std::optional<std::vector<std::string>>& arguments,
                                         std::uint64_t comPort, bool waitUntilExit,
                                         const std::optional<Environment>& additionalEnvironment,
@@ -261,7 +267,7 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
                       additionalEnvironment, capturedOutput, error, standardInputText);
 }
 
-pid_t KorvoHelperTool::runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
+pid_t ProgramRunner::runSystemTool(SystemTool tool, const std::optional<std::vector<std::string>>& arguments,
                                      std::uint64_t comPort, bool waitUntilExit,
                                      const std::optional<Environment>& additionalEnvironment,
                                      std::shared_ptr<CSCapturedProcessOutput>* capturedOutput, MaybeError* error) {
@@ -271,27 +277,27 @@ pid_t KorvoHelperTool::runSystemTool(SystemTool tool, const std::optional<std::v
                       additionalEnvironment, capturedOutput, error, std::nullopt);
 }
 
-UniqueFd KorvoHelperTool::openExecutableForLaunch(const std::string& path) {
-    if (!services_.codeSigning) return UniqueFd();
+UniqueFd ProgramRunner::openExecutableForLaunch(const std::string& path) {
+    if (!codeSigning_) return UniqueFd();
     UniqueFd executable = openProgramFile(path);
-    if (!executable || services_.codeSigning->checkExecutable(executable.get(), KorvoProgramRequirement) !=
+    if (!executable || codeSigning_->checkExecutable(executable.get(), KorvoProgramRequirement) !=
                            platform::codesign_status::kSuccess) {
         return UniqueFd();
     }
     return executable;
 }
 
-UniqueFd KorvoHelperTool::openSystemToolForLaunch(SystemTool tool) {
-    if (!services_.codeSigning) return UniqueFd();
+UniqueFd ProgramRunner::openSystemToolForLaunch(SystemTool tool) {
+    if (!codeSigning_) return UniqueFd();
     UniqueFd executable = openProgramFile(systemToolPath(tool));
-    if (!executable || services_.codeSigning->codeSignStateForSystemExecutable(executable.get()) !=
+    if (!executable || codeSigning_->codeSignStateForSystemExecutable(executable.get()) !=
                            platform::CodeSignState::Valid) {
         return UniqueFd();
     }
     return executable;
 }
 
-pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+pid_t ProgramRunner::runServiceAtPath(const std::optional<std::string>& path,
                                         const std::optional<std::vector<std::string>>& arguments,
                                         std::uint64_t comPort, bool waitUntilExit,
                                         const std::optional<Environment>& additionalEnvironment,
@@ -299,13 +305,13 @@ pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
     return runServiceAtPath(path, arguments, comPort, waitUntilExit, additionalEnvironment, nullptr, error);
 }
 
-pid_t KorvoHelperTool::runServiceAtPath(const std::optional<std::string>& path,
+pid_t ProgramRunner::runServiceAtPath(const std::optional<std::string>& path,
                                         const std::optional<std::vector<std::string>>& arguments,
                                         std::uint64_t comPort, bool waitUntilExit, MaybeError* error) {
     return runServiceAtPath(path, arguments, comPort, waitUntilExit, std::nullopt, nullptr, error);
 }
 
-int KorvoHelperTool::openSocketOnPort(std::uint64_t port) {
+int ProgramRunner::openSocketOnPort(std::uint64_t port) {
     // A port number that does not fit 16 bits names no port; it is refused
     // rather than truncated to some other one.
     if (port > 0xffff) return -1;
@@ -334,15 +340,15 @@ int KorvoHelperTool::openSocketOnPort(std::uint64_t port) {
     return fd.release();
 }
 
-bool KorvoHelperTool::killProcessWithID(pid_t pid, int signal) {
+bool ProgramRunner::killProcessWithID(pid_t pid, int signal) {
     if (!processExists(pid)) return true;
     if (const auto delivered = ChildProcess::signalChild(pid, signal)) return *delivered;
     return ::kill(pid, signal) == 0;
 }
 
-platform::CodeSignState KorvoHelperTool::codeSignStateForExecutable(const std::string& path) {
-    if (!services_.codeSigning) return platform::CodeSignState::CouldNotCheck;
-    return services_.codeSigning->codeSignStateForExecutable(path);
+platform::CodeSignState ProgramRunner::codeSignStateForExecutable(const std::string& path) {
+    if (!codeSigning_) return platform::CodeSignState::CouldNotCheck;
+    return codeSigning_->codeSignStateForExecutable(path);
 }
 
 }  // namespace korvo

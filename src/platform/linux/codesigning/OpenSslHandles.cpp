@@ -1,4 +1,4 @@
-#include "platform/linux/OpenSslHandles.h"
+#include "platform/linux/codesigning/OpenSslHandles.h"
 
 #include <openssl/err.h>
 

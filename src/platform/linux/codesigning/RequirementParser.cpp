@@ -1,4 +1,4 @@
-#include "platform/linux/RequirementParser.h"
+#include "platform/linux/codesigning/RequirementParser.h"
 
 #include <optional>
 

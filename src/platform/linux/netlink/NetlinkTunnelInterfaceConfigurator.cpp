@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/TunnelInterfaceConfigurator.h"
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 #include "util/Format.h"
 
 namespace korvo::platform {
@@ -85,7 +85,7 @@ std::optional<std::uint8_t> prefixLengthOfNetmask(const std::string& netmask) {
 
 class NetlinkTunnelInterfaceConfigurator final : public TunnelInterfaceConfigurator {
 public:
-    MaybeError bringInterfaceUp(KorvoHelperTool&, const std::string& interfaceName) override {
+    MaybeError bringInterfaceUp(const std::string& interfaceName) override {
         const std::string failure = formatString("Could not set interface %s up", interfaceName.c_str());
         auto target = openTarget(interfaceName, failure);
         if (!target) return target.error();
@@ -94,7 +94,7 @@ public:
         return std::nullopt;
     }
 
-    MaybeError addIPv4Address(KorvoHelperTool&, const std::string& interfaceName, const std::string& localAddress,
+    MaybeError addIPv4Address(const std::string& interfaceName, const std::string& localAddress,
                               const std::string& destinationAddress, const std::string& netmask) override {
         const std::string failure =
             formatString("Could not add address %s to interface %s", localAddress.c_str(), interfaceName.c_str());
@@ -118,7 +118,7 @@ public:
         return std::nullopt;
     }
 
-    MaybeError addIPv6Address(KorvoHelperTool&, const std::string& interfaceName, const std::string& address,
+    MaybeError addIPv6Address(const std::string& interfaceName, const std::string& address,
                               long prefixLength) override {
         const std::string failure = formatString("Could not add address %s/%ld to interface %s", address.c_str(),
                                                  prefixLength, interfaceName.c_str());
@@ -137,7 +137,7 @@ public:
 
 }  // namespace
 
-std::shared_ptr<TunnelInterfaceConfigurator> makeSystemTunnelInterfaceConfigurator() {
+std::shared_ptr<TunnelInterfaceConfigurator> makeSystemTunnelInterfaceConfigurator(SystemToolRunner) {
     return std::make_shared<NetlinkTunnelInterfaceConfigurator>();
 }
 

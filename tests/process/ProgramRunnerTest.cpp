@@ -1,5 +1,5 @@
-// The runner on a service object of its own, with a code-signing service
-// that answers what each test tells it.
+// The runner with a code-signing service that answers what each test tells
+// it.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -12,8 +12,10 @@
 #include <fstream>
 #include <thread>
 
-#include "core/ClientAcceptance.h"
-#include "core/HelperTool.h"
+#include "util/KorvoIdentity.h"
+#include "process/ProgramRunner.h"
+#include "process/StartedProcesses.h"
+#include "util/HelperSettings.h"
 #include "process/CapturedProcessOutput.h"
 #include "process/ProcessProbe.h"
 #include "util/UniqueFd.h"
@@ -26,13 +28,11 @@ namespace {
 using namespace std::chrono_literals;
 using platform::CodeSignState;
 
-class ServiceRunnerTest : public ::testing::Test {
+class ProgramRunnerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        HelperServices services;
-        services.codeSigning = signing_;
-        tool_ = std::make_unique<KorvoHelperTool>(services);
-        tool_->setTmpDirPath(dir_ + "/");
+        settings_.setTmpDirPath(dir_ + "/");
+        tool_ = std::make_unique<ProgramRunner>(signing_, settings_, started_);
     }
 
     // A shell script in the test directory; it leaves a marker file when it
@@ -48,7 +48,9 @@ protected:
     std::vector<std::string> errorLines() { return log_.errors(); }
 
     std::shared_ptr<test::FakeCodeSigning> signing_ = std::make_shared<test::FakeCodeSigning>();
-    std::unique_ptr<KorvoHelperTool> tool_;
+    HelperSettings settings_;
+    StartedProcesses started_{nullptr};
+    std::unique_ptr<ProgramRunner> tool_;
     const test::TempDir tmp_;
     const std::string dir_ = tmp_.path();
     test::LogCapture log_;
@@ -59,7 +61,7 @@ const auto messageOf = test::errorMessage;
 // What failed and why, in the reply and the log: 62 for a program that is
 // not there, 68 for one that would not start or ended unsuccessfully (with
 // its output when it had any).
-TEST_F(ServiceRunnerTest, FailuresCarryTheirCodeMessageAndLogLine) {
+TEST_F(ProgramRunnerTest, FailuresCarryTheirCodeMessageAndLogLine) {
     const std::string missing = dir_ + "/absent";
     const std::string data = dir_ + "/not-executable";
     std::ofstream(data) << "data\n";
@@ -100,7 +102,7 @@ TEST_F(ServiceRunnerTest, FailuresCarryTheirCodeMessageAndLogLine) {
 // runs: a program renamed over the path during the check changes nothing,
 // and a path that could lead to another file than the one checked is
 // refused.
-TEST_F(ServiceRunnerTest, TheCheckedFileIsTheOneThatRuns) {
+TEST_F(ProgramRunnerTest, TheCheckedFileIsTheOneThatRuns) {
     const std::string program = script("checked", "exit 0");
     const std::string other = script("swapped", "exit 0");
     signing_->duringCheck = [&] { std::filesystem::rename(other, program); };
@@ -135,7 +137,7 @@ TEST_F(ServiceRunnerTest, TheCheckedFileIsTheOneThatRuns) {
 
 // A com port nobody listens on is refused through the bus
 // (ComPortProgramsServiceTest); here the port itself.
-TEST_F(ServiceRunnerTest, ComPortSocket) {
+TEST_F(ProgramRunnerTest, ComPortSocket) {
     // A port number beyond 16 bits is refused, not truncated to another port.
     test::ComPortListener listener;
     EXPECT_EQ(tool_->openSocketOnPort(65536 + listener.port()), -1);
@@ -144,7 +146,7 @@ TEST_F(ServiceRunnerTest, ComPortSocket) {
     EXPECT_TRUE(::fcntl(socket.get(), F_GETFD) & FD_CLOEXEC);
 }
 
-TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
+TEST_F(ProgramRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
     ::setenv("KORVO_RUNNER_KEEP", "kept", 1);
     ::setenv("KORVO_RUNNER_REPLACE", "old", 1);
     const std::string path = script(
@@ -183,7 +185,7 @@ TEST_F(ServiceRunnerTest, ArgumentsEnvironmentAndWorkingDirectory) {
     EXPECT_EQ(line, "s3cret");
 }
 
-TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
+TEST_F(ProgramRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
     test::ComPortListener listener;
     const std::string path = script("talker", "read line; echo \"got $line\"; echo oops >&2");
     std::shared_ptr<CSCapturedProcessOutput> captured;
@@ -198,7 +200,7 @@ TEST_F(ServiceRunnerTest, ComPortCarriesAllThreeStreamsAndEndsWithTheChild) {
     EXPECT_EQ(listener.text(), "got hello\noops\n");
 }
 
-TEST_F(ServiceRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {
+TEST_F(ProgramRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {
     const std::string small = script("small", "i=0; while [ $i -lt 1000 ]; do printf '%09d\\n' $i; i=$((i+1)); done");
     std::shared_ptr<CSCapturedProcessOutput> captured;
     MaybeError error;
@@ -231,7 +233,7 @@ TEST_F(ServiceRunnerTest, CapturedOutputKeepsTheTailAndNeverStallsTheChild) {
     EXPECT_EQ(message.substr(message.size() - 11), "last words\n");
 }
 
-TEST_F(ServiceRunnerTest, KillProcessWithID) {
+TEST_F(ProgramRunnerTest, KillProcessWithID) {
     const std::string path = script("sleeper", "exec sleep 30");
     MaybeError error;
     const pid_t pid = tool_->runServiceAtPath(path, std::nullopt, 0, false, &error);

@@ -4,9 +4,9 @@
 #pragma once
 
 #include "platform/CodeSigning.h"
-#include "platform/linux/CodeSigningAnchors.h"
-#include "platform/linux/RequirementParser.h"
-#include "platform/linux/SignatureVerifier.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/RequirementParser.h"
+#include "platform/linux/codesigning/SignatureVerifier.h"
 
 namespace korvo::platform {
 

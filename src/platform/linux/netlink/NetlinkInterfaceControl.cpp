@@ -7,7 +7,7 @@
 
 #include "platform/InterfaceControl.h"
 #include "platform/InterfaceIoctl.h"
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 
 namespace korvo::platform {
 namespace {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "platform/CodeSigning.h"
-#include "platform/linux/CodeSigningAnchors.h"
-#include "platform/linux/SignatureBlock.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/SignatureBlock.h"
 
 namespace korvo::platform::codesign {
 

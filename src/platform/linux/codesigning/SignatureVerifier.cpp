@@ -1,4 +1,4 @@
-#include "platform/linux/SignatureVerifier.h"
+#include "platform/linux/codesigning/SignatureVerifier.h"
 
 #include <openssl/crypto.h>
 #include <openssl/objects.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/linux/OpenSslHandles.h"
+#include "platform/linux/codesigning/OpenSslHandles.h"
 #include "util/Format.h"
 
 namespace korvo::platform::codesign {

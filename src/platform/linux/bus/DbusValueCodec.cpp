@@ -1,4 +1,4 @@
-#include "platform/linux/DbusValueCodec.h"
+#include "platform/linux/bus/DbusValueCodec.h"
 
 #include <systemd/sd-bus.h>
 
@@ -342,3 +342,16 @@ std::string signatureForArgumentType(ArgumentType type) {
 }
 
 }  // namespace korvo::platform::dbus
+
+namespace korvo::platform {
+
+BusServiceNames BusServiceNames::forService(std::string_view serviceName) {
+    std::string path = "/";
+    for (const char c : serviceName) {
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+        path += c == '.' ? '/' : (allowed ? c : '_');
+    }
+    return {std::string(serviceName), path, std::string(serviceName) + ".KorvoHelperToolProtocol"};
+}
+
+}  // namespace korvo::platform

@@ -1,4 +1,4 @@
-#include "platform/linux/CodeSigner.h"
+#include "platform/linux/codesigning/CodeSigner.h"
 
 #include <fcntl.h>
 #include <openssl/pem.h>
@@ -11,8 +11,8 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/linux/OpenSslHandles.h"
-#include "platform/linux/SignatureBlock.h"
+#include "platform/linux/codesigning/OpenSslHandles.h"
+#include "platform/linux/codesigning/SignatureBlock.h"
 #include "util/UniqueFd.h"
 #include "util/FileSystem.h"
 #include "util/Format.h"

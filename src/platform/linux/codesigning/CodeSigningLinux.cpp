@@ -1,4 +1,4 @@
-#include "platform/linux/CodeSigningLinux.h"
+#include "platform/linux/codesigning/CodeSigningLinux.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 
 #include <cerrno>
 #include <cstring>

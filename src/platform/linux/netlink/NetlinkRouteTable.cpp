@@ -3,7 +3,7 @@
 // deleted with scope "nowhere" and no protocol, which matches a route
 // whoever added it. A delete the kernel answers with ESRCH found nothing and
 // succeeds.
-#include "platform/linux/NetlinkRouteTable.h"
+#include "platform/linux/netlink/NetlinkRouteTable.h"
 
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
@@ -152,6 +152,6 @@ MaybeError NetlinkRouteTable::apply(const KernelRoute& route) {
     return routeError("Route operation failed: " + status.describe());
 }
 
-std::shared_ptr<RouteTable> makeSystemRouteTable() { return std::make_shared<NetlinkRouteTable>(); }
+std::shared_ptr<RouteTable> makeSystemRouteTable(SystemToolRunner) { return std::make_shared<NetlinkRouteTable>(); }
 
 }  // namespace korvo::platform

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/linux/CodeSigningAnchors.h"
-#include "platform/linux/RequirementParser.h"
-#include "platform/linux/SignatureVerifier.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/RequirementParser.h"
+#include "platform/linux/codesigning/SignatureVerifier.h"
 #include "util/UniqueFd.h"
 
 using namespace korvo::platform::codesign;

@@ -6,11 +6,27 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include <sdbus-c++/Message.h>
 
 #include "util/Protocol.h"
 #include "util/Value.h"
+
+namespace korvo::platform {
+
+// The bus names of a service: "com.tallowmar.korvo.utility" is owned as that
+// name, exports /com/tallowmar/korvo/utility with the interface
+// com.tallowmar.korvo.utility.KorvoHelperToolProtocol.
+struct BusServiceNames {
+    std::string busName;
+    std::string objectPath;
+    std::string interfaceName;
+
+    static BusServiceNames forService(std::string_view serviceName);
+};
+
+}  // namespace korvo::platform
 
 namespace korvo::platform::dbus {
 

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "platform/ServiceListener.h"
+#include "platform/linux/bus/DbusValueCodec.h"
 
 namespace sdbus {
 class IConnection;
@@ -35,17 +36,6 @@ class WorkerPool;
 }
 
 namespace korvo::platform {
-
-// The bus names of a service: "com.tallowmar.korvo.utility" is owned as that
-// name, exports /com/tallowmar/korvo/utility with the interface
-// com.tallowmar.korvo.utility.KorvoHelperToolProtocol.
-struct BusServiceNames {
-    std::string busName;
-    std::string objectPath;
-    std::string interfaceName;
-
-    static BusServiceNames forService(std::string_view serviceName);
-};
 
 class DbusListener final : public ServiceListener {
 public:
