@@ -7,7 +7,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
-#include <regex>
+#include <cctype>
 
 #include "diagnostics/DynamicStoreText.h"
 #include "diagnostics/NetworkDiagnostics.h"
@@ -134,19 +134,28 @@ protected:
 
     void flush() { diagnostics->_networkDiagnosticsQueue().sync([] {}); }
 
-    // The trigger of each block appended so far.
+    // The trigger of each block appended so far; every block is a header
+    // and the launch failure.
     std::vector<std::string> triggers() {
         flush();
         std::lock_guard lock(mutex);
         std::vector<std::string> result;
-        static const std::regex header(
-            "\n==================== \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000 \\(trigger: (.*)\\) "
-            "====================\n");
+        const std::string start = "\n==================== ", date = "2026-01-01 00:00:00 +0000", mark = " (trigger: ";
+        const std::string end = std::string(") ====================\n") + kLaunchFailure;
         for (const auto& block : blocks) {
-            std::smatch match;
-            EXPECT_TRUE(std::regex_search(block, match, header)) << block;
-            EXPECT_EQ(match.suffix().str(), kLaunchFailure);
-            result.push_back(match[1].str());
+            const bool framed = block.size() >= start.size() + date.size() + mark.size() + end.size() &&
+                                block.starts_with(start) && block.ends_with(end) &&
+                                block.compare(start.size() + date.size(), mark.size(), mark) == 0;
+            EXPECT_TRUE(framed) << block;
+            if (!framed) continue;
+            for (std::size_t i = 0; i < date.size(); ++i) {
+                const char c = block[start.size() + i];
+                EXPECT_EQ(std::isdigit(static_cast<unsigned char>(date[i])) != 0,
+                          std::isdigit(static_cast<unsigned char>(c)) != 0)
+                    << block;
+            }
+            const std::size_t from = start.size() + date.size() + mark.size();
+            result.push_back(block.substr(from, block.size() - end.size() - from));
         }
         blocks.clear();
         return result;
