@@ -9,9 +9,11 @@
 #include <mutex>
 #include <cctype>
 
+#include "diagnostics/CaptureRun.h"
 #include "diagnostics/DynamicStoreText.h"
 #include "diagnostics/NetworkDiagnostics.h"
 #include "platform/DynamicStore.h"
+#include "process/Executables.h"
 #include "support/TestSupport.h"
 #include "util/SerialQueue.h"
 
@@ -356,6 +358,24 @@ TEST(NetworkDiagnosticsTextTest, HeaderScriptArgumentsAndStoreKeys) {
               "    0 : 198.51.100.53\n"
               "  }\n"
               "}\n");
+}
+
+// The shell for real, with scripts of the test's own: both streams in one
+// pipe, the arguments after the script's name, and a script past its limit
+// ended.
+TEST(CaptureRunTest, RunsTheScriptWithItsArgumentsAndEndsItAtItsLimit) {
+    const auto run = runCaptureScript(openProgramFile("/bin/bash"), "echo \"$0 $1 $2\"; echo err >&2; echo \"$KEYS\"",
+                                      "networkDiagnostics", {"a b", "c"}, {{"KEYS", "k"}}, 30.0);
+    EXPECT_EQ(run.launchFailure, std::nullopt);
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_EQ(run.output, "networkDiagnostics a b c\nerr\nk\n");
+
+    const auto late = runCaptureScript(openProgramFile("/bin/bash"), "echo started; exec sleep 60", "n", {}, {}, 0.2);
+    EXPECT_TRUE(late.timedOut);
+    EXPECT_EQ(late.output, "started\n");
+
+    EXPECT_EQ(runCaptureScript(UniqueFd(), "true", "n", {}, {}, 1.0).launchFailure,
+              "Cannot verify signature of executable at path /bin/bash");
 }
 
 }  // namespace
