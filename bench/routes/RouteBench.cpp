@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "network/NetworkSystemOperations.h"
-#include "platform/linux/NetlinkRouteTable.h"
+#include "platform/linux/netlink/NetlinkRouteTable.h"
 
 namespace {
 

@@ -6,7 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "backends/SystemMaintenance.h"
 #include "core/ClientAcceptance.h"
+#include "network/NetworkSystemOperations.h"
+#include "process/CallerFiles.h"
 #include "util/Protocol.h"
 #include "platform/ServiceListener.h"
 #include "util/Log.h"
@@ -77,6 +80,15 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
     vpnConnections_ = std::make_unique<VpnConnections>(
         BackendServices{services_.codeSigning, services_.storeArea, services_.tunnelInterfaces}, settings_,
         *programRunner_);
+    networkSystemOperations_ = std::make_shared<NetworkSystemOperations>();
+    systemMaintenance_ = std::make_unique<SystemMaintenance>(SystemMaintenance::Dependencies{
+        *startedProcesses_, networkSystemOperations_,
+        [runner = programRunner_.get()](SystemTool tool, const std::vector<std::string>& arguments) {
+            MaybeError error;
+            runner->runSystemTool(tool, arguments, 0, true, std::nullopt, nullptr, &error);
+            return error;
+        },
+        [store = services_.storeArea] { return store && storeAreaHoldsNetworkState(*store); }, {}});
     if (services_.locateApplicationBundle) {
         if (auto path = services_.locateApplicationBundle()) settings_.setKorvoBundlePath(*path);
     }
@@ -140,6 +152,33 @@ void KorvoHelperTool::terminateWithReply(ErrorReply reply) {
     }
     stopRequested_ = true;
     runCondition_.notify_all();
+}
+
+void KorvoHelperTool::disconnectService(std::int64_t serviceType, const std::optional<std::string>& remoteHost,
+                                        std::uint64_t comPort, std::int32_t pid, ErrorReply reply) {
+    reply(systemMaintenance_->disconnectService(serviceType, remoteHost, comPort, pid));
+}
+
+void KorvoHelperTool::writeConfig(const platform::ServiceConnection& caller, const std::optional<std::string>& config,
+                                  const std::optional<std::string>& path, ErrorReply reply) {
+    reply(systemMaintenance_->writeConfig(callerRightsOf(caller), config, path));
+}
+
+void KorvoHelperTool::deleteConfigAtPath(const platform::ServiceConnection& caller,
+                                         const std::optional<std::string>& path, ErrorReply reply) {
+    reply(systemMaintenance_->deleteConfigAtPath(callerRightsOf(caller), path));
+}
+
+void KorvoHelperTool::cleanKnownHostsForRemoteHost(const std::optional<std::string>& host, ErrorReply reply) {
+    reply(systemMaintenance_->cleanKnownHostsForRemoteHost(host));
+}
+
+void KorvoHelperTool::cleanSystem(std::int64_t cleanMask, ErrorReply reply) {
+    reply(systemMaintenance_->cleanSystem(cleanMask));
+}
+
+void KorvoHelperTool::setTimeMachineEnabled(bool enabled, ErrorReply reply) {
+    reply(systemMaintenance_->setTimeMachineEnabled(enabled));
 }
 
 }  // namespace korvo

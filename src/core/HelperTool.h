@@ -33,12 +33,15 @@
 
 namespace korvo {
 
+class NetworkSystemOperations;
 class SerialQueue;
+class SystemMaintenance;
 class WorkerPool;
 
 namespace platform {
 class ServiceListener;
 class ServiceListenerDelegate;
+struct ServiceConnection;
 class TunnelInterfaceConfigurator;
 }  // namespace platform
 
@@ -136,6 +139,18 @@ public:
         vpnConnections_->connectAmneziaWGWithConfig(configPath, comPort, std::move(reply));
     }
 
+    // Disconnect and maintenance: SystemMaintenance. writeConfig and
+    // deleteConfigAtPath act with the rights of the caller.
+    void disconnectService(std::int64_t serviceType, const std::optional<std::string>& remoteHost,
+                           std::uint64_t comPort, std::int32_t pid, ErrorReply reply);
+    void writeConfig(const platform::ServiceConnection& caller, const std::optional<std::string>& config,
+                     const std::optional<std::string>& path, ErrorReply reply);
+    void deleteConfigAtPath(const platform::ServiceConnection& caller, const std::optional<std::string>& path,
+                            ErrorReply reply);
+    void cleanKnownHostsForRemoteHost(const std::optional<std::string>& host, ErrorReply reply);
+    void cleanSystem(std::int64_t cleanMask, ErrorReply reply);
+    void setTimeMachineEnabled(bool enabled, ErrorReply reply);
+
     // --- Components -------------------------------------------------------------
     const HelperSettings& settings() const { return settings_; }
     // Every program the helper starts goes through the runner.
@@ -167,6 +182,8 @@ private:
     std::unique_ptr<StartedProcesses> startedProcesses_;
     std::unique_ptr<ProgramRunner> programRunner_;
     std::unique_ptr<VpnConnections> vpnConnections_;
+    std::shared_ptr<NetworkSystemOperations> networkSystemOperations_;
+    std::unique_ptr<SystemMaintenance> systemMaintenance_;
     std::unique_ptr<NetworkDiagnostics> networkDiagnostics_;
 
     std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;

@@ -84,11 +84,36 @@ void addConnectRequests(Handlers& h) {
     };
 }
 
+void addMaintenanceRequests(Handlers& h) {
+    h["disconnectService"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.disconnectService(integerArgument(args, "serviceType"), stringArgument(args, "remoteHost"),
+                               unsignedArgument(args, "comPort"),
+                               static_cast<std::int32_t>(integerArgument(args, "pid")), sendError(std::move(reply)));
+    };
+    h["writeConfig"] = [](KorvoHelperTool& tool, const Caller& caller, const Dictionary& args, ReplySender reply) {
+        tool.writeConfig(caller, stringArgument(args, "config"), stringArgument(args, "path"),
+                         sendError(std::move(reply)));
+    };
+    h["deleteConfigAtPath"] = [](KorvoHelperTool& tool, const Caller& caller, const Dictionary& args, ReplySender reply) {
+        tool.deleteConfigAtPath(caller, stringArgument(args, "path"), sendError(std::move(reply)));
+    };
+    h["cleanKnownHostsForRemoteHost"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.cleanKnownHostsForRemoteHost(stringArgument(args, "host"), sendError(std::move(reply)));
+    };
+    h["cleanSystem"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.cleanSystem(integerArgument(args, "cleanMask"), sendError(std::move(reply)));
+    };
+    h["setTimeMachineEnabled"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.setTimeMachineEnabled(booleanArgument(args, "enabled"), sendError(std::move(reply)));
+    };
+}
+
 const Handlers& handlers() {
     static const Handlers table = [] {
         Handlers h;
         addSettingRequests(h);
         addConnectRequests(h);
+        addMaintenanceRequests(h);
         return h;
     }();
     return table;

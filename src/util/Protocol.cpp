@@ -32,6 +32,14 @@ const std::vector<Operation>& helperOperations() {
          ReplyShape::Pid},
         {"connectWireGuardWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
         {"connectAmneziaWGWithConfig", {{"config", T::String}, {"comPort", T::UInt64}}, ReplyShape::Pid},
+        {"disconnectService",
+         {{"serviceType", T::Int64}, {"remoteHost", T::String}, {"comPort", T::UInt64}, {"pid", T::Int32}},
+         ReplyShape::Error},
+        {"writeConfig", {{"config", T::String}, {"path", T::String}}, ReplyShape::Error},
+        {"deleteConfigAtPath", {{"path", T::String}}, ReplyShape::Error},
+        {"cleanKnownHostsForRemoteHost", {{"host", T::String}}, ReplyShape::Error},
+        {"cleanSystem", {{"cleanMask", T::Int64}}, ReplyShape::Error},
+        {"setTimeMachineEnabled", {{"enabled", T::Boolean}}, ReplyShape::Error},
     };
     return operations;
 }

@@ -15,7 +15,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "KorvoClient.h"
-#include "platform/linux/DbusListener.h"
+#include "platform/linux/bus/DbusListener.h"
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
 

@@ -9,7 +9,7 @@
 
 #include "SigningTestSupport.h"
 #include "util/KorvoIdentity.h"
-#include "platform/linux/CodeSigningLinux.h"
+#include "platform/linux/codesigning/CodeSigningLinux.h"
 #include "util/UniqueFd.h"
 
 namespace korvo::test {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "SigningTestSupport.h"
-#include "platform/linux/CodeSigningLinux.h"
+#include "platform/linux/codesigning/CodeSigningLinux.h"
 
 namespace korvo::test {
 namespace {

@@ -3,7 +3,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
-#include "platform/linux/NetlinkSocket.h"
+#include "platform/linux/netlink/NetlinkSocket.h"
 
 using namespace korvo::platform::linux_netlink;
 

@@ -1,7 +1,7 @@
 // The requirement text: what parses, into which clauses, and what is refused.
 #include <gtest/gtest.h>
 
-#include "platform/linux/RequirementParser.h"
+#include "platform/linux/codesigning/RequirementParser.h"
 
 namespace korvo::platform::codesign {
 namespace {

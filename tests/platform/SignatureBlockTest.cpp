@@ -7,8 +7,8 @@
 #include <random>
 
 #include "SigningTestSupport.h"
-#include "platform/linux/SignatureBlock.h"
-#include "platform/linux/SignatureVerifier.h"
+#include "platform/linux/codesigning/SignatureBlock.h"
+#include "platform/linux/codesigning/SignatureVerifier.h"
 #include "util/UniqueFd.h"
 
 namespace korvo::test {

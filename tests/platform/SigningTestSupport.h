@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "TestSigning.h"
-#include "platform/linux/CodeSigner.h"
-#include "platform/linux/CodeSigningAnchors.h"
+#include "platform/linux/codesigning/CodeSigner.h"
+#include "platform/linux/codesigning/CodeSigningAnchors.h"
 #include "support/TestSupport.h"
 
 namespace korvo::test {

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "SigningTestSupport.h"
-#include "platform/linux/CodeSigningLinux.h"
+#include "platform/linux/codesigning/CodeSigningLinux.h"
 
 namespace korvo::test {
 namespace {

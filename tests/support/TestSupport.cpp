@@ -330,6 +330,20 @@ BindMount::~BindMount() {
     if (mounted_) ::umount2(target_.c_str(), MNT_DETACH);
 }
 
+OverlayMount::OverlayMount(const std::string& target) : target_(target) {
+    if (!runningIsolated()) return;
+    layers_ = std::make_unique<TempDir>();
+    const std::string upper = layers_->file("upper");
+    const std::string work = layers_->file("work");
+    if (::mkdir(upper.c_str(), 0755) != 0 || ::mkdir(work.c_str(), 0755) != 0) return;
+    const std::string options = "lowerdir=" + target + ",upperdir=" + upper + ",workdir=" + work;
+    mounted_ = ::mount("overlay", target.c_str(), "overlay", 0, options.c_str()) == 0;
+}
+
+OverlayMount::~OverlayMount() {
+    if (mounted_) ::umount2(target_.c_str(), MNT_DETACH);
+}
+
 BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath)
     : logPath_(std::move(logPath)) {
     UniqueFd log(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));

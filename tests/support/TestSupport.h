@@ -188,6 +188,25 @@ private:
     bool mounted_ = false;
 };
 
+// A writable layer over the folder target, in this mount namespace only:
+// what is created, changed or removed beneath target while the object lives
+// goes to a temporary folder and vanishes with it; the folder itself never
+// changes. For tests of files under /etc or the install prefix. Only inside
+// tests/support/isolated.
+class OverlayMount {
+public:
+    explicit OverlayMount(const std::string& target);
+    ~OverlayMount();
+    OverlayMount(const OverlayMount&) = delete;
+    OverlayMount& operator=(const OverlayMount&) = delete;
+    bool ok() const { return mounted_; }
+
+private:
+    std::string target_;
+    std::unique_ptr<TempDir> layers_;
+    bool mounted_ = false;
+};
+
 // Children of parent that are zombies; all zombies.
 std::vector<pid_t> zombieChildrenOf(pid_t parent);
 std::vector<pid_t> zombieProcesses();

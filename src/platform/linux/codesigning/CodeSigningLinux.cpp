@@ -141,6 +141,15 @@ int statusAgainstRequirement(int fd, const codesign::Requirement& wanted, const 
 
 LinuxCodeSigning::LinuxCodeSigning(codesign::CodeSigningAnchors anchors) : anchors_(std::move(anchors)) {}
 
+LinuxCodeSigning::LinuxCodeSigning(std::function<codesign::CodeSigningAnchors()> load) : load_(std::move(load)) {}
+
+const codesign::CodeSigningAnchors& LinuxCodeSigning::anchors() {
+    std::call_once(loaded_, [this] {
+        if (!anchors_) anchors_.emplace(load_());
+    });
+    return *anchors_;
+}
+
 CodeSignState LinuxCodeSigning::codeSignStateForExecutable(const std::string& path) {
     if (path.empty()) {
         return CodeSignState::CouldNotCheck;
@@ -153,7 +162,7 @@ CodeSignState LinuxCodeSigning::codeSignStateForExecutable(const std::string& pa
 }
 
 CodeSignState LinuxCodeSigning::codeSignStateForSystemExecutable(int fd) {
-    const codesign::SignatureEvaluation evaluation = codesign::evaluateSignature(fd, anchors_);
+    const codesign::SignatureEvaluation evaluation = codesign::evaluateSignature(fd, anchors());
     if (evaluation.state == CodeSignState::Unsigned && codesign::isSystemExecutable(pathOfDescriptor(fd), fd)) {
         return CodeSignState::Valid;
     }
@@ -165,7 +174,7 @@ int LinuxCodeSigning::checkExecutable(int fd, std::string_view requirement) {
     if (!parsed.ok) {
         return kRequirementInvalid;
     }
-    return statusAgainstRequirement(fd, parsed.requirement, anchors_);
+    return statusAgainstRequirement(fd, parsed.requirement, anchors());
 }
 
 int LinuxCodeSigning::copyGuestWithPid(pid_t pid, std::unique_ptr<GuestCode>& guest) {
@@ -211,7 +220,7 @@ int LinuxCodeSigning::checkValidity(const GuestCode& guest, const CodeRequiremen
     if (!parsed) {
         return kRequirementInvalid;
     }
-    const int status = statusAgainstRequirement(code->executable(), parsed->requirement(), anchors_);
+    const int status = statusAgainstRequirement(code->executable(), parsed->requirement(), anchors());
     // Whatever the verdict, it is only about this process if the process is
     // still the one that ran the file that was read.
     if (const int same = code->stillSameCode(); same != kSuccess) {
@@ -221,7 +230,8 @@ int LinuxCodeSigning::checkValidity(const GuestCode& guest, const CodeRequiremen
 }
 
 std::unique_ptr<CodeSigning> makeSystemCodeSigning() {
-    return std::make_unique<LinuxCodeSigning>(codesign::CodeSigningAnchors::compiledIn());
+    return std::make_unique<LinuxCodeSigning>(std::function<codesign::CodeSigningAnchors()>(
+        [] { return codesign::CodeSigningAnchors::compiledIn(); }));
 }
 
 }  // namespace korvo::platform

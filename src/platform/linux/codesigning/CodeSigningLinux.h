@@ -3,6 +3,10 @@
 // identified by its /proc/PID/exe, pinned with a pidfd.
 #pragma once
 
+#include <functional>
+#include <mutex>
+#include <optional>
+
 #include "platform/CodeSigning.h"
 #include "platform/linux/codesigning/CodeSigningAnchors.h"
 #include "platform/linux/codesigning/RequirementParser.h"
@@ -13,6 +17,10 @@ namespace korvo::platform {
 class LinuxCodeSigning final : public CodeSigning {
 public:
     explicit LinuxCodeSigning(codesign::CodeSigningAnchors anchors);
+    // Anchors made by load on the first check: a helper that nobody calls
+    // never initialises the signature machinery, which is most of its idle
+    // memory.
+    explicit LinuxCodeSigning(std::function<codesign::CodeSigningAnchors()> load);
 
     // The signature's state; an unsigned system executable (see
     // isSystemExecutable) counts as valid.
@@ -29,7 +37,11 @@ public:
     int checkValidity(const GuestCode& guest, const CodeRequirement& requirement) override;
 
 private:
-    codesign::CodeSigningAnchors anchors_;
+    const codesign::CodeSigningAnchors& anchors();
+
+    std::function<codesign::CodeSigningAnchors()> load_;
+    std::once_flag loaded_;
+    std::optional<codesign::CodeSigningAnchors> anchors_;
 };
 
 namespace codesign {
