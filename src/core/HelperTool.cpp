@@ -23,7 +23,6 @@
 namespace korvo {
 namespace {
 
-constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.utility.networkDiagnostics";
 
 // Ends the process without running static destructors: request work may still
 // be running on other threads and must not see the process half torn down.
@@ -31,22 +30,6 @@ constexpr std::string_view kNetworkDiagnosticsQueueLabel = "com.tallowmar.korvo.
     std::fflush(nullptr);
     ::_exit(status);
 }
-
-// Suppression of diagnostics captures through the service object's count.
-class SuppressionCount final : public CaptureSuppression {
-public:
-    explicit SuppressionCount(std::atomic<std::int32_t>& count) : count_(count) {}
-    void beginNetworkDiagnosticsSuppression() override { ++count_; }
-    void endNetworkDiagnosticsSuppression() override {
-        std::int32_t value = count_.load();
-        while (value > 0 && !count_.compare_exchange_weak(value, value - 1)) {
-        }
-    }
-    void stopPeriodicCaptureIfNeeded() override {}
-
-private:
-    std::atomic<std::int32_t>& count_;
-};
 
 }  // namespace
 
@@ -111,12 +94,18 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
     }
     // Each queue needs at most one thread at a time.
     queuePool_ = std::make_shared<WorkerPool>(2);
-    networkDiagnosticsQueue_ = std::make_unique<SerialQueue>(std::string(kNetworkDiagnosticsQueueLabel), queuePool_);
-    networkDiagnosticsSuppressionCount_ = 0;
-    captureSuppression_ = std::make_unique<SuppressionCount>(networkDiagnosticsSuppressionCount_);
+    NetworkDiagnosticsServices diagnostics;
+    diagnostics.pool = queuePool_;
+    diagnostics.dynamicStore = services_.dynamicStore;
+    diagnostics.korvoBundle = [this] { return settings_.korvoBundle(); };
+    diagnostics.storeArea = services_.storeArea;
+    diagnostics.codeSigning = services_.codeSigning;
+    diagnostics.openShell = [this] { return programRunner_->openSystemToolForLaunch(SystemTool::Bash); };
+    diagnostics.periodicSchedule = services_.networkDiagnosticsPeriodicSchedule;
+    networkDiagnostics_ = std::make_unique<NetworkDiagnostics>(std::move(diagnostics));
     networkTransactions_ = std::make_unique<NetworkTransactions>(NetworkTransactions::Dependencies{
         services_.storeArea, networkSystemOperations_.get(), startedProcesses_.get(), services_.dynamicStore,
-        captureSuppression_.get(), queuePool_, [this] { return settings_.korvoBundle(); }, nullptr});
+        networkDiagnostics_.get(), queuePool_, [this] { return settings_.korvoBundle(); }, nullptr});
     routeConfiguration_ = std::make_unique<RouteConfiguration>(*networkSystemOperations_, *networkTransactions_);
     tunnelDns_ = std::make_unique<TunnelDns>(services_.dynamicStore, *networkTransactions_);
     // What an earlier run left to undo is known before any request arrives.
@@ -124,10 +113,11 @@ KorvoHelperTool::KorvoHelperTool(HelperServices services) : services_(std::move(
 }
 
 KorvoHelperTool::~KorvoHelperTool() {
-    networkDiagnosticsQueue_.reset();
+    // Components that queue work on the others' queues go first.
     routeConfiguration_.reset();
     tunnelDns_.reset();
     networkTransactions_.reset();
+    networkDiagnostics_.reset();
 }
 
 SerialQueue& KorvoHelperTool::networkResetQueue() { return networkTransactions_->networkResetQueue(); }
@@ -199,12 +189,6 @@ void KorvoHelperTool::updateNameServerAddresses(const NameServerSettings& settin
     reply(tunnelDns_->updateNameServerAddresses(settings));
 }
 
-void KorvoHelperTool::setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath) {
-    std::lock_guard lock(objectLock_);
-    networkDiagnosticsCaptureEnabled_ = enabled;
-    networkDiagnosticsLogPath_ = logFilePath;
-}
-
 void KorvoHelperTool::disconnectService(std::int64_t serviceType, const std::optional<std::string>& remoteHost,
                                         std::uint64_t comPort, std::int32_t pid, ErrorReply reply) {
     reply(systemMaintenance_->disconnectService(serviceType, remoteHost, comPort, pid));
@@ -230,21 +214,6 @@ void KorvoHelperTool::cleanSystem(std::int64_t cleanMask, ErrorReply reply) {
 
 void KorvoHelperTool::setTimeMachineEnabled(bool enabled, ErrorReply reply) {
     reply(systemMaintenance_->setTimeMachineEnabled(enabled));
-}
-
-bool KorvoHelperTool::networkDiagnosticsCaptureEnabled() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsCaptureEnabled_;
-}
-
-std::optional<std::string> KorvoHelperTool::networkDiagnosticsLogPath() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsLogPath_;
-}
-
-std::int64_t KorvoHelperTool::networkDiagnosticsActiveConnectionCount() const {
-    std::lock_guard lock(objectLock_);
-    return networkDiagnosticsActiveConnectionCount_;
 }
 
 }  // namespace korvo

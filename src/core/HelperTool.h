@@ -20,7 +20,9 @@
 #include <vector>
 
 #include "backends/VpnConnections.h"
+#include "diagnostics/NetworkDiagnostics.h"
 #include "platform/CodeSigning.h"
+#include "process/CallerFiles.h"
 #include "process/ProgramRunner.h"
 #include "process/StartedProcesses.h"
 #include "util/Error.h"
@@ -65,6 +67,9 @@ struct HelperServices {
     // are restored into; null: none (the DNS request then fails as when no
     // session can be opened, and so does restoring a DNS snapshot).
     std::shared_ptr<platform::DynamicStore> dynamicStore;
+    // The periodic diagnostics capture's schedule (a test daemon shortens it).
+    TimerSchedule networkDiagnosticsPeriodicSchedule{std::chrono::seconds(30), std::chrono::seconds(30),
+                                                     std::chrono::seconds(5)};
 
     // The real services: the platform's code signing and tunnel interfaces,
     // the desktop's application lookup, the run directory.
@@ -95,8 +100,22 @@ public:
     // --- Requests without a reply -------------------------------------------
     void setKorvoBundlePath(const std::optional<std::string>& path) { settings_.setKorvoBundlePath(path); }
     void setTmpDirPath(const std::optional<std::string>& path) { settings_.setTmpDirPath(path); }
-    void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath);
     void setVPNDebugLoggingEnabled(bool enabled) { settings_.setVPNDebugLoggingEnabled(enabled); }
+
+    // Diagnostics: NetworkDiagnostics. The log is written with the rights of
+    // the caller who named it.
+    void setNetworkDiagnosticsCaptureEnabled(bool enabled, const std::optional<std::string>& logFilePath,
+                                             const std::optional<CallerRights>& caller) {
+        networkDiagnostics_->setNetworkDiagnosticsCaptureEnabled(enabled, logFilePath, caller);
+    }
+    void networkDiagnosticsConnectionEstablishedForServiceType(std::int64_t serviceType,
+                                                               const std::optional<std::string>& accountDescription) {
+        networkDiagnostics_->networkDiagnosticsConnectionEstablishedForServiceType(serviceType, accountDescription);
+    }
+    void networkDiagnosticsConnectionTerminatedForServiceType(std::int64_t serviceType,
+                                                              const std::optional<std::string>& accountDescription) {
+        networkDiagnostics_->networkDiagnosticsConnectionTerminatedForServiceType(serviceType, accountDescription);
+    }
 
     // --- Requests with a reply ----------------------------------------------
     // Logs, replies, and ends the process with status 0: at once before run,
@@ -163,22 +182,20 @@ public:
     // Every program the helper starts goes through the runner.
     ProgramRunner& programRunner() { return *programRunner_; }
     VpnConnections& vpnConnections() { return *vpnConnections_; }
+    // Diagnostics capture and log; also what a network reset suppresses.
+    NetworkDiagnostics& networkDiagnostics() { return *networkDiagnostics_; }
     // The programs the helper started and the links they made: the only
     // ones it will ever signal or delete.
     StartedProcesses& startedProcesses() { return *startedProcesses_; }
 
     // --- Fields -----------------------------------------------------------------
-    bool networkDiagnosticsCaptureEnabled() const;
-    std::optional<std::string> networkDiagnosticsLogPath() const;
-    std::int64_t networkDiagnosticsActiveConnectionCount() const;
-    SerialQueue& networkDiagnosticsQueue() { return *networkDiagnosticsQueue_; }
     SerialQueue& networkResetQueue();
     NetworkTransactions& networkTransactions() { return *networkTransactions_; }
     NetworkSystemOperations& networkSystemOperations() { return *networkSystemOperations_; }
     platform::ServiceListener* listener() const { return listener_; }
     const HelperServices& services() const { return services_; }
-    // The service object's own lock: guards the fields below, the transaction
-    // store and the diagnostics count. Never held across a slow operation.
+    // The service object's own lock: guards the fields below and the
+    // transaction store. Never held across a slow operation.
     std::recursive_mutex& objectLock() const { return objectLock_; }
 
 private:
@@ -186,23 +203,17 @@ private:
 
     mutable std::recursive_mutex objectLock_;
     HelperSettings settings_;
-    bool networkDiagnosticsCaptureEnabled_ = false;
-    std::optional<std::string> networkDiagnosticsLogPath_;
-    std::int64_t networkDiagnosticsActiveConnectionCount_ = 0;
-    // The threads the two queues below run on.
+    // The threads the diagnostics queue and the reset queue run on.
     std::shared_ptr<WorkerPool> queuePool_;
-    std::unique_ptr<SerialQueue> networkDiagnosticsQueue_;
     std::unique_ptr<StartedProcesses> startedProcesses_;
     std::unique_ptr<ProgramRunner> programRunner_;
     std::unique_ptr<VpnConnections> vpnConnections_;
     std::shared_ptr<NetworkSystemOperations> networkSystemOperations_;
     std::unique_ptr<SystemMaintenance> systemMaintenance_;
-    std::unique_ptr<CaptureSuppression> captureSuppression_;
+    std::unique_ptr<NetworkDiagnostics> networkDiagnostics_;
     std::unique_ptr<NetworkTransactions> networkTransactions_;
     std::unique_ptr<RouteConfiguration> routeConfiguration_;
     std::unique_ptr<TunnelDns> tunnelDns_;
-    std::mutex networkDiagnosticsLogLock_;
-    std::atomic<std::int32_t> networkDiagnosticsSuppressionCount_{0};
 
     std::unique_ptr<platform::ServiceListenerDelegate> listenerDelegate_;
     platform::ServiceListener* listener_ = nullptr;

@@ -28,12 +28,23 @@ void addSettingRequests(Handlers& h) {
         tool.setTmpDirPath(stringArgument(args, "path"));
         reply({});
     };
-    h["setNetworkDiagnosticsCaptureEnabled"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
-        tool.setNetworkDiagnosticsCaptureEnabled(booleanArgument(args, "enabled"), stringArgument(args, "logFilePath"));
+    h["setNetworkDiagnosticsCaptureEnabled"] = [](KorvoHelperTool& tool, const Caller& caller, const Dictionary& args, ReplySender reply) {
+        tool.setNetworkDiagnosticsCaptureEnabled(booleanArgument(args, "enabled"), stringArgument(args, "logFilePath"),
+                                                 callerRightsOf(caller));
         reply({});
     };
     h["setVPNDebugLoggingEnabled"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
         tool.setVPNDebugLoggingEnabled(booleanArgument(args, "enabled"));
+        reply({});
+    };
+    h["networkDiagnosticsConnectionEstablishedForServiceType"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.networkDiagnosticsConnectionEstablishedForServiceType(integerArgument(args, "serviceType"),
+                                                                   stringArgument(args, "accountDescription"));
+        reply({});
+    };
+    h["networkDiagnosticsConnectionTerminatedForServiceType"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary& args, ReplySender reply) {
+        tool.networkDiagnosticsConnectionTerminatedForServiceType(integerArgument(args, "serviceType"),
+                                                                  stringArgument(args, "accountDescription"));
         reply({});
     };
     h["terminateWithReply"] = [](KorvoHelperTool& tool, const Caller&, const Dictionary&, ReplySender reply) {

@@ -8,7 +8,7 @@
 
 #include "KorvoVersion.h"
 #include "core/HelperTool.h"
-#include "platform/ServiceListener.h"
+#include "daemon/Serving.h"
 #include "util/Log.h"
 
 int main() {
@@ -25,16 +25,7 @@ int main() {
                           "it is not a release.");
     }
     korvo::KorvoHelperTool tool;
-    auto listener = korvo::platform::makeServiceListener(korvo::HelperServiceName, tool.listenerDelegate());
-    tool.attachListener(*listener);
-    int status = EXIT_FAILURE;
-    if (auto error = listener->resume()) {
-        korvo::logMessage(LOG_ERR, "Error: Unable to start listening for requests: %s: %s", error->domain.c_str(),
-                          error->displayText().c_str());
-    } else {
-        status = tool.run();
-        listener->invalidate();
-    }
+    const int status = korvo::serveRequests(tool);
     // Request work may still run on other threads; the process ends without
     // running static destructors that such work could still reach.
     std::fflush(nullptr);

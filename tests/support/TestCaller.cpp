@@ -3,7 +3,8 @@
 // (signed, root:korvo 2755) and in the forms the helper must refuse.
 //
 //   call ADDRESS OPERATION [KEY=VALUE ...]
-//       sends one request with string arguments; prints "reply [KEY ...]" or
+//       sends one request with string arguments (KEY:b=true and KEY:x=5 send
+//       a boolean and a 64-bit integer); prints "reply [KEY ...]" or
 //       "error NAME: MESSAGE", then "microseconds N" for the request alone.
 //   flood ADDRESS OPERATION KEY COUNT BYTES
 //       sends COUNT requests, each with KEY set to a string of BYTES bytes,
@@ -53,7 +54,19 @@ sd_bus_message* request(sd_bus* bus, const char* operation, const std::vector<st
         return nullptr;
     }
     for (const auto& [key, value] : arguments) {
-        if (sd_bus_message_append(m, "{sv}", key.c_str(), "s", value.c_str()) < 0) return sd_bus_message_unref(m);
+        // KEY:b and KEY:x send a boolean ("true") or a 64-bit integer.
+        const auto colon = key.rfind(':');
+        const std::string name = key.substr(0, colon);
+        const std::string type = colon == std::string::npos ? "s" : key.substr(colon + 1);
+        int r = -EINVAL;
+        if (type == "s") {
+            r = sd_bus_message_append(m, "{sv}", name.c_str(), "s", value.c_str());
+        } else if (type == "b") {
+            r = sd_bus_message_append(m, "{sv}", name.c_str(), "b", static_cast<int>(value == "true"));
+        } else if (type == "x") {
+            r = sd_bus_message_append(m, "{sv}", name.c_str(), "x", static_cast<std::int64_t>(std::atoll(value.c_str())));
+        }
+        if (r < 0) return sd_bus_message_unref(m);
     }
     if (sd_bus_message_close_container(m) < 0) return sd_bus_message_unref(m);
     return m;
