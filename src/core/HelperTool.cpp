@@ -120,8 +120,6 @@ KorvoHelperTool::~KorvoHelperTool() {
     networkDiagnostics_.reset();
 }
 
-SerialQueue& KorvoHelperTool::networkResetQueue() { return networkTransactions_->networkResetQueue(); }
-
 void KorvoHelperTool::recordOwnerProcessPID(std::int32_t pid, std::int64_t serviceType, bool isAmneziaWG,
                                             const std::optional<std::string>& transactionIdentifier,
                                             ErrorReply reply) {

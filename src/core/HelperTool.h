@@ -188,20 +188,16 @@ public:
     // ones it will ever signal or delete.
     StartedProcesses& startedProcesses() { return *startedProcesses_; }
 
-    // --- Fields -----------------------------------------------------------------
-    SerialQueue& networkResetQueue();
+    // The transaction store, the reset queue and the undo procedures.
     NetworkTransactions& networkTransactions() { return *networkTransactions_; }
+    // Routes, interfaces and resolver files: the only code that changes them.
     NetworkSystemOperations& networkSystemOperations() { return *networkSystemOperations_; }
     platform::ServiceListener* listener() const { return listener_; }
     const HelperServices& services() const { return services_; }
-    // The service object's own lock: guards the fields below and the
-    // transaction store. Never held across a slow operation.
-    std::recursive_mutex& objectLock() const { return objectLock_; }
 
 private:
     HelperServices services_;
 
-    mutable std::recursive_mutex objectLock_;
     HelperSettings settings_;
     // The threads the diagnostics queue and the reset queue run on.
     std::shared_ptr<WorkerPool> queuePool_;
