@@ -18,18 +18,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// "XXXXXXXX-XXXX-4XXX-YXXX-XXXXXXXXXXXX" in upper-case hexadecimal, Y one of 8, 9, A, B.
-bool isUpperCaseVersion4UUID(std::string_view text) {
-    if (text.size() != 36) return false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        const char c = text[i];
-        if (dash != (c == '-')) return false;
-        if (!dash && !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return false;
-    }
-    return text[14] == '4' && std::string_view("89AB").find(text[19]) != std::string_view::npos;
-}
-
 TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
     // Every key setconf takes, in any case, in its own section; keys of the
     // other section and those only the client uses are dropped.
@@ -177,16 +165,6 @@ TEST(WireGuardAddressesTest, EveryAddressLineInFileOrder) {
                                              "Address = 10.0.0.4/32\n"),
                 ElementsAre("10.0.0.2/24", "fd00::2", "10.0.0.3", "10.0.0.4/32"));
     EXPECT_THAT(wireGuardAddressesFromConfig("[Interface]\nPrivateKey = k\n"), IsEmpty());
-}
-
-TEST(WireGuardRuntimeFileTest, FreshUpperCaseUUIDNames) {
-    std::set<std::string> seen;
-    for (int i = 0; i < 200; ++i) {
-        const std::string name = randomUUIDString();
-        ASSERT_TRUE(isUpperCaseVersion4UUID(name)) << name;
-        seen.insert(name);
-    }
-    EXPECT_EQ(seen.size(), 200u);
 }
 
 TEST(NetmaskTest, PrefixLengthsToDottedMasks) {

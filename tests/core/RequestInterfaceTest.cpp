@@ -96,15 +96,6 @@ TEST(KorvoctlCommandLineTest, ParsesWordsByDeclaredType) {
     }
 }
 
-TEST(KorvoctlCommandLineTest, PrintsRepliesAndErrorsReadably) {
-    EXPECT_EQ(ctl::formatReply({{"pid", 1234}, {"result", "done"}, {"error", Dictionary{}}}),
-              "pid: 1234\nresult: done\n");
-    EXPECT_EQ(ctl::describeValue(Dictionary{{"a", Array{1, true, "x"}}}), "{a: [1, true, x]}");
-    const auto error = errorWithKorvoErrorCode(64, "Missing configuration.");
-    EXPECT_THAT(ctl::formatError(error), HasSubstr("error 64 (com.tallowmar.Korvo): At least one"));
-    EXPECT_THAT(ctl::formatError(error), HasSubstr("Missing configuration."));
-}
-
 // Every operation of the table is a korvoctl subcommand and is documented;
 // the documents in docs/ are exactly what the table gives today.
 TEST(InterfaceDocsTest, DocsMatchTheOperationTable) {

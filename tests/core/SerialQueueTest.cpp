@@ -119,24 +119,6 @@ TEST(WorkerPoolTest, BoundsItsThreadsAndRetiresIdleOnes) {
     EXPECT_EQ(ran.get_future().wait_for(2s), std::future_status::ready);
 }
 
-// Two items submitted back to back while one thread idles must not wait for
-// each other: the second one gets a thread of its own.
-TEST(WorkerPoolTest, WorkArrivingTogetherDoesNotQueueBehindAnIdleThread) {
-    WorkerPool pool(4);
-    std::promise<void> warm;
-    pool.submit([&] { warm.set_value(); });
-    warm.get_future().wait();
-    std::this_thread::sleep_for(20ms);  // the thread is idle now
-
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    std::promise<void> secondRan;
-    pool.submit([released] { released.wait(); });
-    pool.submit([&] { secondRan.set_value(); });
-    EXPECT_EQ(secondRan.get_future().wait_for(2s), std::future_status::ready);
-    release.set_value();
-}
-
 // Dropping the last owner of a pool from work running on it must neither
 // deadlock nor crash.
 TEST(WorkerPoolTest, CanBeReleasedFromItsOwnThread) {

@@ -38,7 +38,6 @@ TEST(KorvoCodesignTool, SignsVerifiesAndDisplays) {
     EXPECT_EQ(display.exitStatus, 0);
     EXPECT_NE(display.output.find("Identifier=com.tallowmar.Korvo\n"), std::string::npos) << display.output;
     EXPECT_NE(display.output.find("SignerOU=" KORVO_TEST_TEAM_OU "\n"), std::string::npos) << display.output;
-    EXPECT_NE(display.output.find("Authority[1]=CN=Korvo Test Code Signing CA"), std::string::npos) << display.output;
 
     // Re-signed by another team: the new block replaces the old one.
     ASSERT_EQ(run(signArguments(kOtherTeamSigner, "com.example.other", program)).exitStatus, 0);
@@ -47,12 +46,6 @@ TEST(KorvoCodesignTool, SignsVerifiesAndDisplays) {
     EXPECT_NE(again.output.find("SignerOU=" KORVO_TEST_OTHER_TEAM_OU "\n"), std::string::npos) << again.output;
     EXPECT_EQ(again.output.find(KORVO_TEST_TEAM_OU), std::string::npos) << again.output;
 
-    EXPECT_EQ(run("display /usr/bin/true").exitStatus, 1);
-    for (const char* bad : {"", "frobnicate x", "verify", "verify --anchors", "verify --bogus 1 x", "display a b",
-                            "sign --identifier x x"}) {
-        EXPECT_EQ(run(bad).exitStatus, 2) << bad;
-    }
-    EXPECT_EQ(run("verify --anchors /nonexistent " + program).exitStatus, 2);
 }
 
 // The helper trusts what the build compiled in: the test root unless
