@@ -174,22 +174,6 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
                                         "10.79.0.2"}));
 }
 
-TEST_F(ComPortProgramsServiceTest, OpenConnectConfigurationWithoutBackgroundIsLeftUntouched) {
-    silentGateway();
-    const std::string text = "protocol=anyconnect\n# background\n";
-    const std::string config = dir_.write("Plain.conf", text);
-    std::filesystem::create_symlink("/usr/share/vpnc-scripts/vpnc-script", dir_.path() + "/Plain-openconnect-script.sh");
-    ComPortListener comPort;
-    const Dictionary reply = helper_.call(
-        "connectOpenConnectWithConfig", {{"config", config}, {"host", "10.79.0.2"}, {"resolve", "10.79.0.2:10.79.0.2"},
-                                         {"credentials", "c"}, {"hash", "h"}, {"comPort", comPort.port()}});
-    ASSERT_EQ(reply.count("error"), 0u) << errorMessageOf(reply);
-    EXPECT_THAT(commandLineOf(started(reply)), ::testing::Contains("--resolve=10.79.0.2:10.79.0.2"))
-        << comPort.text();
-    EXPECT_EQ(shell("cat /var/run/Korvo/connections/Plain/config").output, text);
-    EXPECT_THAT(helper_.helperLog(), ::testing::Not(HasSubstr("Removed daemonizing background option")));
-}
-
 TEST_F(ComPortProgramsServiceTest, FailuresAUserMeetsStartNothing) {
     const std::string config = dir_.write("Branch.conf", "IPSec gateway 10.79.0.2\n");
     const std::string marker = dir_.path() + "/payload-ran";

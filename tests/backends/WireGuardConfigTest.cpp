@@ -39,63 +39,27 @@ TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
     EXPECT_EQ(wireGuardRuntimeConfiguration(config), expected + "\n");
 }
 
-TEST(WireGuardRuntimeConfigurationTest, SectionsDecideWhichLinesSurvive) {
-    // Nothing before the first header; an unknown section drops everything up
-    // to the next known one; headers are recognised in any case and with
-    // inner blanks, and are written as the client wrote them.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("Endpoint = 192.0.2.1:1\n"
-                                            "PrivateKey = early\n"
-                                            "[Other]\n"
-                                            "PrivateKey = other\n"
-                                            "PublicKey = other\n"
-                                            "[ peer ]\n"
-                                            "PublicKey = p1\n"
-                                            "[INTERFACE]\n"
-                                            "PrivateKey = k\n"
-                                            "[]\n"
-                                            "PrivateKey = after-empty-header\n"),
-              "[ peer ]\nPublicKey = p1\n[INTERFACE]\nPrivateKey = k\n\n");
-
-    // A line that opens a bracket without closing it is a key line, and
-    // key lines need an "=".
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n[Interface\nPublicKey\nPublicKey = p"), "[Peer]\nPublicKey = p\n");
-
-    // Keys are compared without their blanks and in lower case; the line
-    // itself is kept as written, trimmed and without control characters.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\n   PRIVATEKEY\t =  k  "), "[Interface]\nPRIVATEKEY =  k\n");
-}
-
-TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesControlCharactersAndByteOrderMark) {
-    EXPECT_EQ(wireGuardRuntimeConfiguration("\xEF\xBB\xBF[Interface]\n"
-                                            "\n\n"
-                                            "# a comment\n"
-                                            "; another\n"
-                                            "PrivateKey = k\n"
-                                            "   \n"
-                                            "\t\n"
-                                            "DNS = 1.1.1.1\n"
-                                            "\n"
-                                            "[Peer]\n"
-                                            "PublicKey = p\n"
-                                            "\n\n\n"),
-              "[Interface]\n\nPrivateKey = k\n\n[Peer]\nPublicKey = p\n\n");
-
-    // Leading blank lines never reach the output, nor do lines of dropped
-    // sections count as content.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("\n\nMTU = 1\n\n[Interface]\nPrivateKey = k"),
-              "[Interface]\nPrivateKey = k\n");
-
-    // Windows line ends: every "\r\n" is two line breaks, so each line is
-    // followed by one blank line, and no carriage return survives.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n"),
-              "[Interface]\n\nPrivateKey = k\n\n");
-
-    // Control characters inside a line are removed.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nPrivateKey = a\tb\x01"
-                                            "c"),
-              "[Interface]\nPrivateKey = abc\n");
-    EXPECT_EQ(wireGuardRuntimeConfiguration(""), "");
-    EXPECT_EQ(wireGuardRuntimeConfiguration("# only a comment\n"), "");
+TEST(WireGuardRuntimeConfigurationTest, SectionsCommentsAndLineEnds) {
+    const std::pair<std::string, std::string> cases[] = {
+        // Nothing before the first header; an unknown section drops everything
+        // up to the next known one; headers in any case and with inner blanks.
+        {"Endpoint = 192.0.2.1:1\nPrivateKey = early\n[Other]\nPrivateKey = other\n[ peer ]\nPublicKey = p1\n"
+         "[INTERFACE]\nPrivateKey = k\n[]\nPrivateKey = after-empty-header\n",
+         "[ peer ]\nPublicKey = p1\n[INTERFACE]\nPrivateKey = k\n\n"},
+        // An unclosed bracket is a key line, and key lines need an "=".
+        {"[Peer]\n[Interface\nPublicKey\nPublicKey = p", "[Peer]\nPublicKey = p\n"},
+        // Keys compared without blanks and in lower case; lines kept as written.
+        {"[Interface]\n   PRIVATEKEY\t =  k  ", "[Interface]\nPRIVATEKEY =  k\n"},
+        {"\xEF\xBB\xBF[Interface]\n\n\n# a comment\n; another\nPrivateKey = k\n   \n\t\nDNS = 1.1.1.1\n\n[Peer]\n"
+         "PublicKey = p\n\n\n\n",
+         "[Interface]\n\nPrivateKey = k\n\n[Peer]\nPublicKey = p\n\n"},
+        {"\n\nMTU = 1\n\n[Interface]\nPrivateKey = k", "[Interface]\nPrivateKey = k\n"},
+        // Every "\r\n" is two line breaks; no carriage return survives.
+        {"[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n", "[Interface]\n\nPrivateKey = k\n\n"},
+        {"[Interface]\nPrivateKey = a\tb\x01" "c", "[Interface]\nPrivateKey = abc\n"},
+        {"# only a comment\n", ""},
+    };
+    for (const auto& [config, runtime] : cases) EXPECT_EQ(wireGuardRuntimeConfiguration(config), runtime) << config;
 }
 
 TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {

@@ -16,49 +16,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// One queue: items run one at a time and in order, even when the pool has
-// threads to spare and items are queued from several threads at once.
-TEST(SerialQueueTest, RunsItsItemsOneAtATimeInOrder) {
-    auto pool = std::make_shared<WorkerPool>(8);
-    std::vector<int> order;
-    std::atomic<int> running{0};
-    std::atomic<bool> overlapped{false};
-    {
-        SerialQueue queue("test.order", pool);
-        for (int i = 0; i < 200; ++i) {
-            queue.async([&, i] {
-                if (running.fetch_add(1) != 0) overlapped = true;
-                order.push_back(i);
-                running.fetch_sub(1);
-            });
-        }
-        queue.sync([] {});
-    }
-    EXPECT_FALSE(overlapped);
-    ASSERT_EQ(order.size(), 200u);
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
-}
-
-// Two queues on one pool run side by side: a long item on one does not hold
-// up the other, and a queue flooded with work does not starve the other.
-TEST(SerialQueueTest, DifferentQueuesRunConcurrently) {
-    auto pool = std::make_shared<WorkerPool>(4);
-    SerialQueue slow("test.slow", pool);
-    SerialQueue quick("test.quick", pool);
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    slow.async([released] { released.wait(); });
-    std::atomic<int> slowItems{0};
-    for (int i = 0; i < 1000; ++i) slow.async([&] { ++slowItems; });
-    EXPECT_GE(slow.pendingCount(), 1000u);
-
-    std::promise<void> quickRan;
-    quick.async([&] { quickRan.set_value(); });
-    EXPECT_EQ(quickRan.get_future().wait_for(2s), std::future_status::ready);
-    release.set_value();
-    slow.sync([] {});
-    EXPECT_EQ(slowItems, 1000);
-}
+// Items of one queue in order, one at a time, while another queue's run
+// beside them: DbusListenerTest, with a queue per client.
 
 TEST(SerialQueueTest, SyncFromItsOwnItemRunsInlineAndDestructorWaits) {
     auto pool = std::make_shared<WorkerPool>(2);

@@ -21,17 +21,9 @@ namespace korvo::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 const std::string kRunDirectory = "/var/run/Korvo";
-
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 ino_t inodeOf(const std::string& path) {
     struct stat status {};
@@ -63,10 +55,10 @@ TEST_F(SystemMaintenanceServiceTest, WritesExactlyTheTextAtomicallyAndDeletesQui
     const std::string path = work.file("profiles/new/korvo ü.conf");
     const std::string first = "remote vpn.example 1194\n\tü €\r\n";
     ASSERT_TRUE(call("writeConfig", {{"config", first}, {"path", path}}).empty()) << helper.helperLog();
-    EXPECT_EQ(contents(path), first);
+    EXPECT_EQ(fileText(path), first);
     const ino_t before = inodeOf(path);
     ASSERT_TRUE(call("writeConfig", {{"config", std::string("short")}, {"path", path}}).empty());
-    EXPECT_EQ(contents(path), "short");
+    EXPECT_EQ(fileText(path), "short");
     EXPECT_NE(inodeOf(path), before) << "replaced by a new file, not rewritten in place";
     EXPECT_EQ(shell("ls -A '" + work.file("profiles/new") + "'").output, "korvo ü.conf\n");
 
@@ -100,10 +92,10 @@ TEST_F(SystemMaintenanceServiceTest, AnUnprivilegedClientWritesWithItsOwnRights)
     EXPECT_THAT(send("writeConfig", {"config=x", "path=" + rootOnly + "/root-file"}), StartsWith("reply error"));
     EXPECT_THAT(send("deleteConfigAtPath", {"path=" + rootOnly + "/root-file"}), StartsWith("reply error"));
     EXPECT_FALSE(fs::exists(rootOnly + "/marker"));
-    EXPECT_EQ(contents(rootOnly + "/root-file"), "root's");
+    EXPECT_EQ(fileText(rootOnly + "/root-file"), "root's");
 
     EXPECT_THAT(send("writeConfig", {"config=mine", "path=" + own + "/client.conf"}), StartsWith("reply\n"));
-    EXPECT_EQ(contents(own + "/client.conf"), "mine");
+    EXPECT_EQ(fileText(own + "/client.conf"), "mine");
     struct stat status {};
     ASSERT_EQ(::stat((own + "/client.conf").c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, 65534u);
@@ -111,7 +103,7 @@ TEST_F(SystemMaintenanceServiceTest, AnUnprivilegedClientWritesWithItsOwnRights)
     // Generated files directly in the resolver directory are written as root.
     const std::string marked = "#@KORVO_GENERATED\nnameserver 10.7.7.7\n";
     EXPECT_THAT(send("writeConfig", {"config=" + marked, "path=/etc/resolver/corp.test"}), StartsWith("reply\n"));
-    EXPECT_EQ(contents("/etc/resolver/corp.test"), marked);
+    EXPECT_EQ(fileText("/etc/resolver/corp.test"), marked);
     EXPECT_THAT(send("writeConfig", {"config=" + marked, "path=/etc/korvo-marker"}), StartsWith("reply error"));
     EXPECT_FALSE(fs::exists("/etc/korvo-marker"));
 }
@@ -139,9 +131,9 @@ TEST_F(SystemMaintenanceServiceTest, TheResolverDirectoryTakesOnlyGeneratedFiles
     };
     for (const auto& [what, reply] : refused) EXPECT_EQ(errorCodeOf(reply), 513) << what;
     EXPECT_FALSE(fs::exists("/etc/resolver/new.test"));
-    EXPECT_EQ(contents("/etc/resolver/admin.test"), "nameserver 10.8.8.8\n");
+    EXPECT_EQ(fileText("/etc/resolver/admin.test"), "nameserver 10.8.8.8\n");
     EXPECT_TRUE(fs::is_symlink("/etc/resolver/link.test"));
-    EXPECT_EQ(contents(outside), "#@KORVO_GENERATED elsewhere");
+    EXPECT_EQ(fileText(outside), "#@KORVO_GENERATED elsewhere");
 
     EXPECT_TRUE(write(marked, "corp.test").empty());
     EXPECT_TRUE(remove("corp.test").empty());
@@ -235,7 +227,7 @@ TEST_F(SystemMaintenanceServiceTest, CleansRootsKnownHostsEntry) {
 
     EXPECT_TRUE(call("cleanKnownHostsForRemoteHost", {{"host", std::string("kh-remove.test")}}).empty())
         << helper.helperLog();
-    EXPECT_EQ(contents("/root/.ssh/known_hosts"), "kh-keep.test " + key);
+    EXPECT_EQ(fileText("/root/.ssh/known_hosts"), "kh-keep.test " + key);
     fs::remove("/root/.ssh/known_hosts");
     const Dictionary reply = call("cleanKnownHostsForRemoteHost", {{"host", std::string("kh-keep.test")}});
     EXPECT_EQ(errorCodeOf(reply), 67);
@@ -272,7 +264,7 @@ TEST_F(SystemMaintenanceServiceTest, CleanSystemRemovesWhatItsBitsName) {
     fs::remove(kRunDirectory + "/network-transactions/pending.plist");
     EXPECT_TRUE(call("cleanSystem", {{"cleanMask", std::int64_t{4 | 16 | 2 | 1}}}).empty()) << helper.helperLog();
     EXPECT_FALSE(fs::exists(kRunDirectory));
-    EXPECT_EQ(contents(outside), "kept");
+    EXPECT_EQ(fileText(outside), "kept");
     EXPECT_FALSE(fs::exists("/etc/resolver/generated.test"));
     EXPECT_TRUE(fs::exists("/etc/resolver/admin.test"));
     for (const auto& file : installed) EXPECT_FALSE(fs::exists(file)) << file;

@@ -23,6 +23,16 @@ constexpr const char* kSmallProgram = "/usr/bin/sleep";
 
 class CodeSigningTest : public ::testing::Test {
 protected:
+    // A copy of source with one byte changed (XOR mask) at offset.
+    std::string changedCopy(const std::string& source, const std::string& name, std::size_t offset, std::uint8_t mask) {
+        const std::string copy = dir.file(name);
+        fs::copy_file(source, copy);
+        auto bytes = readBytes(copy);
+        bytes[offset] ^= mask;
+        writeBytes(copy, bytes);
+        return copy;
+    }
+
     LinuxCodeSigning signing{testAnchors()};
     TempDir dir;
 };
@@ -37,12 +47,8 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     fs::copy_file(kSmallProgram, unsignedCopy);
     EXPECT_EQ(signing.codeSignStateForExecutable(unsignedCopy), CodeSignState::Unsigned);
 
-    const std::string modified = dir.file("modified");
-    fs::copy_file(valid, modified);
-    auto bytes = readBytes(modified);
-    bytes[100] ^= 0x01;
-    writeBytes(modified, bytes);
-    EXPECT_EQ(signing.codeSignStateForExecutable(modified), CodeSignState::InvalidSignature);
+    EXPECT_EQ(signing.codeSignStateForExecutable(changedCopy(valid, "modified", 100, 0x01)),
+              CodeSignState::InvalidSignature);
 
     const std::string otherCa = dir.file("otherca");
     signedCopy(kSmallProgram, otherCa, "com.tallowmar.test.otherca", kOtherCaSigner);
@@ -53,13 +59,8 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     EXPECT_EQ(signing.codeSignStateForExecutable(serverCert), CodeSignState::NotVerifiable);
 
     // A later format version: the code directory's version field follows its magic.
-    const std::string future = dir.file("future");
-    fs::copy_file(valid, future);
-    bytes = readBytes(future);
-    const std::size_t block = fs::file_size(kSmallProgram);
-    bytes[block + 7] = 2;
-    writeBytes(future, bytes);
-    EXPECT_EQ(signing.codeSignStateForExecutable(future), CodeSignState::Unsupported);
+    EXPECT_EQ(signing.codeSignStateForExecutable(changedCopy(valid, "future", fs::file_size(kSmallProgram) + 7, 0x03)),
+              CodeSignState::Unsupported);
 
     EXPECT_EQ(signing.codeSignStateForExecutable(dir.file("missing")), CodeSignState::CouldNotCheck);
     EXPECT_EQ(signing.codeSignStateForExecutable(dir.path()), CodeSignState::CouldNotCheck);
@@ -184,21 +185,11 @@ TEST_F(ClientAcceptanceTest, OnlyTheSignedClientSatisfiesTheRequirement) {
     EXPECT_EQ(accept(otherCa, "identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = Q4XW82KTJN"),
               status::kSuccess);
 
-    const std::string modified = dir.file("modified");
-    fs::copy_file(client, modified);
-    auto bytes = readBytes(modified);
-    bytes[bytes.size() / 3] ^= 0x80;
-    writeBytes(modified, bytes);
-    EXPECT_EQ(accept(modified), status::kSignatureFailed);
-
+    const std::size_t inTheCode = fs::file_size(client) / 3;
+    EXPECT_EQ(accept(changedCopy(client, "modified", inTheCode, 0x80)), status::kSignatureFailed);
     // Another team's changed file is refused for its signer, before the
     // code is read.
-    const std::string otherModified = dir.file("othermodified");
-    fs::copy_file(otherTeam, otherModified);
-    bytes = readBytes(otherModified);
-    bytes[bytes.size() / 3] ^= 0x80;
-    writeBytes(otherModified, bytes);
-    EXPECT_EQ(accept(otherModified), status::kRequirementFailed);
+    EXPECT_EQ(accept(changedCopy(otherTeam, "othermodified", inTheCode, 0x80)), status::kRequirementFailed);
 
     const std::string unsignedCopy = dir.file("unsigned");
     fs::copy_file(kSmallProgram, unsignedCopy);

@@ -5,6 +5,7 @@
 // Every test executable links it (korvo_add_test).
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -25,6 +26,12 @@
 #include "util/Value.h"
 
 namespace korvo::test {
+
+// The whole content of a file; empty when it cannot be read.
+std::string fileText(const std::string& path);
+
+// Ends a child (signal, then SIGKILL after 5 seconds) and waits for it.
+void endChild(const std::shared_ptr<ChildProcess>& child, int signal = SIGTERM);
 
 struct ShellResult {
     int exitStatus = -1;
@@ -132,6 +139,7 @@ struct KeyPair {
 };
 KeyPair generateKeyPair();
 
+class BackgroundProgram;
 class PeerNamespace {
 public:
     explicit PeerNamespace(std::string name = "korvo-peer", std::string hostAddress = "192.168.77.1",
@@ -156,14 +164,16 @@ public:
 
 private:
     std::string name_, hostAddress_, peerAddress_, problem_;
-    std::shared_ptr<ChildProcess> wireGuard_;
+    std::unique_ptr<BackgroundProgram> wireGuard_;
 };
 
-// A program run in a namespace with its output in a log file; terminated
-// (then killed) and waited for at the end.
+// A program run in a namespace with its output in a log file (and the
+// environment when given, else the test's); terminated (then killed) and
+// waited for at the end.
 class BackgroundProgram {
 public:
-    BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath);
+    BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath,
+                      std::optional<std::map<std::string, std::string>> environment = std::nullopt);
     ~BackgroundProgram();
     bool running() const { return child_ && child_->isRunning(); }
     std::string log() const;

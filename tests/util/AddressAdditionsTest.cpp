@@ -59,7 +59,7 @@ TEST(CIDR, DefaultRoutesNeedPrefixZeroAndAnAddressOfTheFamily) {
 // A NUL inside is never cut off into a valid address.
 TEST(IPAddress, TheWholeTextMustBeTheAddress) {
     EXPECT_TRUE(isValidIPAddress("::ffff:1.2.3.4"));
-    for (const std::string invalid : {" 1.2.3.4", "1.2.3.4/32", "fe80::1%eth0", "1.2.3.4\0"s, "1.2.3.4\0junk"s}) {
+    for (const auto& invalid : {" 1.2.3.4"s, "1.2.3.4/32"s, "fe80::1%eth0"s, "1.2.3.4\0"s, "1.2.3.4\0junk"s}) {
         EXPECT_FALSE(isValidIPAddress(invalid)) << invalid;
     }
 }
