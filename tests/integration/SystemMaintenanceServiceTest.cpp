@@ -280,14 +280,5 @@ TEST_F(SystemMaintenanceServiceTest, CleanSystemRemovesWhatItsBitsName) {
     EXPECT_FALSE(fs::exists(installed.back()));
 }
 
-TEST_F(SystemMaintenanceServiceTest, TimeMachineIsAbsent) {
-    for (const bool enabled : {true, false}) {
-        const Dictionary reply = call("setTimeMachineEnabled", {{"enabled", enabled}});
-        EXPECT_EQ(errorCodeOf(reply), 62);
-        EXPECT_EQ(errorMessageOf(reply),
-                  "Time Machine preference file file not found at /Library/Preferences/com.apple.TimeMachine.plist");
-    }
-}
-
 }  // namespace
 }  // namespace korvo::test

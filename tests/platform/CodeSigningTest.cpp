@@ -70,42 +70,6 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     EXPECT_EQ(signing.codeSignStateForExecutable(unreadable), CodeSignState::CouldNotCheck);
 }
 
-TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
-    const std::string program = dir.file("program");
-    signedCopy(kSmallProgram, program, "com.tallowmar.first");
-    ASSERT_EQ(::chmod(program.c_str(), 0750), 0);
-    const auto onceSigned = fs::file_size(program);
-    const std::string link = dir.file("link");
-    fs::create_symlink(program, link);
-
-    ASSERT_FALSE(platform::codesign::signFile(link, {"com.tallowmar.second", kTeamSigner.certificate,
-                                                     std::string(kTeamSigner.chain), kTeamSigner.key}));
-    EXPECT_TRUE(fs::is_symlink(link));
-    // The new block sits where the old one was, over the same code.
-    EXPECT_LT(fs::file_size(program), onceSigned + 16);
-    const UniqueFd fd(::open(program.c_str(), O_RDONLY | O_CLOEXEC));
-    const auto description = platform::codesign::describeSignature(fd.get());
-    EXPECT_EQ(description.directory.identifier, "com.tallowmar.second");
-    EXPECT_EQ(description.directory.codeLength, fs::file_size(kSmallProgram));
-    struct stat st {};
-    ASSERT_EQ(::stat(program.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0750u);
-    EXPECT_EQ(signing.codeSignStateForExecutable(program), CodeSignState::Valid);
-    EXPECT_EQ(dir.path(), fs::path(program).parent_path());
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2)
-        << "no temporary file left behind";
-
-    // Refusals leave the file as it was.
-    const auto before = readBytes(program);
-    EXPECT_TRUE(platform::codesign::signFile(program, {"", kTeamSigner.certificate, std::nullopt, kTeamSigner.key}));
-    EXPECT_TRUE(platform::codesign::signFile(
-        program, {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt, kOtherTeamSigner.key}));
-    EXPECT_TRUE(platform::codesign::signFile(dir.file("absent"),
-                                             {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt,
-                                              kTeamSigner.key}));
-    EXPECT_EQ(readBytes(program), before);
-}
-
 // Before a launch, on the open file: a program named through the client
 // must be the vendor's, whatever its identifier, with no system-executable
 // rule; that rule is for the helper's own system tools.

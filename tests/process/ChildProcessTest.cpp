@@ -47,23 +47,6 @@ ChildProcess::Options shell(const std::string& script) {
     return options;
 }
 
-TEST(ChildProcessTest, ReportsExitStatusAndTerminatingSignal) {
-    int error = 0;
-    auto exits = ChildProcess::launch(shell("exit 7"), &error);
-    ASSERT_TRUE(exits);
-    EXPECT_EQ(exits->waitUntilExit(), 7);
-    EXPECT_FALSE(exits->terminatedBySignal());
-    // Never "alive" after the child's last instruction, reaped or not.
-    EXPECT_FALSE(processExists(exits->pid()));
-
-    auto sleeper = ChildProcess::launch(shell("exec sleep 30"), &error);
-    ASSERT_TRUE(sleeper);
-    EXPECT_TRUE(sleeper->isRunning());
-    sleeper->terminate();
-    EXPECT_EQ(sleeper->waitUntilExit(), 128 + SIGTERM);
-    EXPECT_TRUE(sleeper->terminatedBySignal());
-}
-
 TEST(ChildProcessTest, StartsInTheGivenDirectoryWithExactlyTheGivenEnvironment) {
     const test::TempDir tmp;
     const std::string dir = tmp.path();

@@ -58,46 +58,6 @@ protected:
 
 const auto messageOf = test::errorMessage;
 
-// What failed and why, in the reply and the log: 62 for a program that is
-// not there, 68 for one that would not start or ended unsuccessfully (with
-// its output when it had any).
-TEST_F(ProgramRunnerTest, FailuresCarryTheirCodeMessageAndLogLine) {
-    const std::string missing = dir_ + "/absent";
-    const std::string data = dir_ + "/not-executable";
-    std::ofstream(data) << "data\n";
-    const std::string noisy = script("noisy", "echo 'to stdout'; echo 'to stderr' >&2; exit 3");
-    const std::string quiet = script("quiet", "exit 1");
-    const auto failed = [](const std::string& path) {
-        return "Executable '" + path + "' could not be executed successfully.";
-    };
-    const struct {
-        std::optional<std::string> path;
-        int code;
-        std::string message, logged;
-    } cases[] = {
-        {std::nullopt, 62, "Cannot find executable at path (null)", ""},
-        {missing, 62, "Cannot find executable at path " + missing, "Cannot find executable at path '" + missing + "'."},
-        {data, 68, "Cannot find executable at path " + data, failed(data)},
-        {noisy, 68, "to stdout\nto stderr\n", failed(noisy)},
-        {quiet, 68, "Cannot successfully run executable at path " + quiet, failed(quiet)},
-    };
-    for (const auto& c : cases) {
-        MaybeError error;
-        EXPECT_EQ(tool_->runServiceAtPath(c.path, std::nullopt, 0, true, &error), -1);
-        ASSERT_TRUE(error) << c.message;
-        EXPECT_EQ(error->code, c.code);
-        EXPECT_EQ(messageOf(error), c.message);
-        if (!c.logged.empty()) {
-            EXPECT_EQ(errorLines().back(), c.logged);
-        }
-    }
-    // Without an error reference the identifier comes back all the same.
-    EXPECT_GT(tool_->runServiceAtPath(quiet, std::nullopt, 0, true, nullptr), 0);
-    MaybeError error;
-    EXPECT_GT(tool_->runServiceAtPath(script("fine", "echo ok"), std::nullopt, 0, true, &error), 0);
-    EXPECT_EQ(error, std::nullopt);
-}
-
 // Only a program that passes the check starts, and what was checked is what
 // runs: a program renamed over the path during the check changes nothing,
 // and a path that could lead to another file than the one checked is

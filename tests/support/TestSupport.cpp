@@ -13,6 +13,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -224,28 +225,22 @@ LogCapture::LogCapture() {
 
 LogCapture::~LogCapture() { setLogSink(nullptr); }
 
-std::vector<std::string> LogCapture::lines() const {
+std::vector<std::string> LogCapture::linesAt(std::optional<int> priority) const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> out;
-    for (const auto& entry : lines_) out.push_back(entry.second);
-    return out;
-}
-
-std::vector<std::string> LogCapture::errors() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& [priority, line] : lines_) {
-        if (priority == LOG_ERR) out.push_back(line);
+    for (const auto& [linePriority, line] : lines_) {
+        if (!priority || linePriority == *priority) out.push_back(line);
     }
     return out;
 }
+
+std::vector<std::string> LogCapture::lines() const { return linesAt(std::nullopt); }
+
+std::vector<std::string> LogCapture::errors() const { return linesAt(LOG_ERR); }
 
 bool LogCapture::contains(const std::string& line) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& entry : lines_) {
-        if (entry.second == line) return true;
-    }
-    return false;
+    const auto all = lines();
+    return std::find(all.begin(), all.end(), line) != all.end();
 }
 
 void LogCapture::clear() {
@@ -430,12 +425,7 @@ std::vector<std::string> commandLineOf(pid_t pid) {
 }
 
 bool waitUntilGone(pid_t pid, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (::kill(pid, 0) != 0 && errno == ESRCH) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([pid] { return ::kill(pid, 0) != 0 && errno == ESRCH; }, timeout);
 }
 
 namespace {

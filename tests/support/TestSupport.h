@@ -121,6 +121,7 @@ public:
     void clear();
 
 private:
+    std::vector<std::string> linesAt(std::optional<int> priority) const;
     mutable std::mutex mutex_;
     std::vector<std::pair<int, std::string>> lines_;
 };
