@@ -88,9 +88,7 @@ TEST_F(ComPortProgramsServiceTest, SSHAuthenticatesToAServerInAPeerNamespace) {
                                                               "  IdentitiesOnly yes\n  StrictHostKeyChecking no\n"
                                                               "  UserKnownHostsFile /dev/null\n");
     // sshd may need a moment to listen.
-    for (int i = 0; i < 100 && shell("ip netns exec sshsrv ss -ltn | grep -q 10.78.0.2:22").exitStatus != 0; ++i) {
-        std::this_thread::sleep_for(50ms);
-    }
+    eventually([] { return shell("ip netns exec sshsrv ss -ltn | grep -q 10.78.0.2:22").exitStatus == 0; }, 5s);
 
     ComPortListener comPort;
     const Dictionary reply = helper_.call("connectSSHWithConfig", {{"config", config}, {"host", "10.78.0.2"},
@@ -164,8 +162,8 @@ TEST_F(ComPortProgramsServiceTest, OpenConnectStaysInTheForegroundOnTheComPort) 
     const std::string copies = "/var/run/Korvo/connections/Corp/";
     EXPECT_EQ(shell("cat " + copies + "config").output, "protocol=anyconnect\nuseragent=Korvo\n");
     EXPECT_EQ(shell("cat " + config).output, text);
-    EXPECT_THAT(helper_.helperLog(),
-                HasSubstr("Removed daemonizing background option from OpenConnect configuration at path '" + config + "'."));
+    EXPECT_TRUE(helper_.waitForLog("Removed daemonizing background option from OpenConnect configuration at path '" +
+                                   config + "'."));
     EXPECT_TRUE(comPort.waitFor("10.79.0.2")) << comPort.text();
     EXPECT_EQ(commandLineOf(pid),
               (std::vector<std::string>{kBundle + "/Contents/MacOS/openconnect", "--config=" + copies + "config",
