@@ -62,25 +62,7 @@ TEST(WireGuardRuntimeConfigurationTest, SectionsCommentsAndLineEnds) {
     for (const auto& [config, runtime] : cases) EXPECT_EQ(wireGuardRuntimeConfiguration(config), runtime) << config;
 }
 
-TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {
-    test::LogCapture log;
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n"
-                                            "endpoint=192.0.2.9:51820\n"
-                                            "Endpoint   =   [2001:db8::1]:51820\n"
-                                            "ENDPOINT = localhost:51820\n"
-                                            "Endpoint ="),
-              "[Peer]\n"
-              "endpoint = 192.0.2.9:51820\n"
-              "Endpoint = [2001:db8::1]:51820\n"
-              "ENDPOINT = 127.0.0.1:51820\n"
-              "Endpoint = \n");
-    EXPECT_THAT(log.lines(), ElementsAre("Rewriting WireGuard endpoint 'localhost:51820' to IPv4 endpoint "
-                                       "'127.0.0.1:51820' for runtime configuration."));
-
-    // An endpoint key outside a peer section is an unknown interface key.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nEndpoint = localhost:1"), "[Interface]\n");
-}
-
+// A peer's endpoint name rewritten in the runtime text: WireGuardTunnelTest.
 TEST(WireGuardIPv4EndpointTest, ResolvesNamesAndLeavesEverythingElse) {
     EXPECT_EQ(wireGuardIPv4Endpoint("  localhost:1  "), "127.0.0.1:1");
     // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
