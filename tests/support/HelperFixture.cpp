@@ -158,6 +158,7 @@ CommandResult runCommand(const std::filesystem::path& directory, const std::stri
 
 struct HelperFixture::State {
     Options options;
+    std::unique_ptr<TempDir> workDirectory;
     std::filesystem::path directory;
     std::string busAddress;
     std::shared_ptr<ChildProcess> bus, helper;
@@ -203,11 +204,9 @@ std::string HelperFixture::installProgram(const std::string& source, const std::
 
 std::optional<std::string> HelperFixture::start() {
     auto& s = *state_;
-    char directoryTemplate[] = "/tmp/korvo-bus-XXXXXX";
-    if (::mkdtemp(directoryTemplate) == nullptr) return std::string("mkdtemp: ") + std::strerror(errno);
-    s.directory = directoryTemplate;
     // Clients run as nobody reach the bus's socket in here.
-    ::chmod(s.directory.c_str(), 0711);
+    s.workDirectory = std::make_unique<TempDir>("/tmp", 0711);
+    s.directory = s.workDirectory->path();
     if (s.options.korvoGroup) {
         if (auto problem = mountGroupFileWithKorvo(s.directory / "group", s.korvoGroupId)) return problem;
         s.groupFileMounted = true;
@@ -347,11 +346,8 @@ void HelperFixture::stop() {
         ::umount2("/etc/group", MNT_DETACH);
         s.groupFileMounted = false;
     }
-    if (!s.directory.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(s.directory, ignored);
-        s.directory.clear();
-    }
+    s.workDirectory.reset();
+    s.directory.clear();
 }
 
 }  // namespace korvo::test
