@@ -8,39 +8,10 @@
 #include <filesystem>
 #include <fstream>
 
-#include "backends/VpnConnections.h"
 #include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
-
-class DirectiveTest : public ::testing::Test {
-protected:
-    const test::TempDir tmp_;
-    const std::string dir_ = tmp_.path();
-    bool contains(const std::string& text, const std::string& directive) {
-        const std::string path = dir_ + "/c.ovpn";
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-        return VpnConnections::configFileAtPath(path, directive);
-    }
-};
-
-TEST_F(DirectiveTest, FirstWordOfAnUncommentedLineMustMatchExactly) {
-    EXPECT_TRUE(contains("client\nverb 3\n", "verb"));
-    EXPECT_TRUE(contains("client\r\n \t verb\t5\r\n", "verb"));
-    EXPECT_TRUE(contains("client\rverb 3", "verb"));  // a lone CR ends a line too
-    EXPECT_TRUE(contains("verb", "verb"));
-    EXPECT_FALSE(contains("# verb 3\n; verb 3\n  #verb 3\n", "verb"));
-    EXPECT_FALSE(contains("--verb 3\nverbose 1\nVERB 3\nmute-verb 2\n", "verb"));
-    EXPECT_FALSE(contains("<connection>verb 3</connection>\n", "verb"));
-    EXPECT_FALSE(contains("", "verb"));
-}
-
-TEST_F(DirectiveTest, UnreadableOrNonUTF8ConfigurationHasNoDirectives) {
-    EXPECT_FALSE(contains("verb 3\n\xff\xfe\n", "verb"));
-    EXPECT_FALSE(VpnConnections::configFileAtPath(dir_ + "/absent.ovpn", "verb"));
-    EXPECT_FALSE(VpnConnections::configFileAtPath(dir_, "verb"));
-}
 
 std::string removed(const std::string& text, bool expectRemoval) {
     bool flag = !expectRemoval;
@@ -49,41 +20,36 @@ std::string removed(const std::string& text, bool expectRemoval) {
     return out;
 }
 
+// Every form of the option is dropped; lookalikes and comments stay.
 TEST(BackgroundOptionTest, EveryFormOfTheOptionIsDroppedAndNothingElse) {
     EXPECT_EQ(removed("user=a\nbackground\nprotocol=anyconnect\n", true), "user=a\nprotocol=anyconnect\n");
     EXPECT_EQ(removed("--background\n", true), "");
     EXPECT_EQ(removed("BackGround=yes\nx", true), "x");
     EXPECT_EQ(removed("  background  \n\tkeep  \n", true), "\tkeep  \n");
-    EXPECT_EQ(removed("---background value\n", true), "");
-    // Every line-break character ends a line, so CR LF leaves empty lines.
-    EXPECT_EQ(removed("a\r\nbackground\r\nb", true), "a\n\n\nb");
-}
-
-TEST(BackgroundOptionTest, LookalikesAndCommentsAreKeptUntouched) {
-    const std::string text = "#background\nbackgrounded\nno-background\nbackground-color=1\nx background\n";
+    EXPECT_EQ(removed("background x=1\n", true), "");  // with "=" after a blank the name ends at the blank
+    EXPECT_EQ(removed("a\r\nbackground\r\nb", true), "a\n\n\nb");  // CR and LF each end a line
+    const std::string text = "#background\nbackgrounded\nno-background\nbackground-color=1\nmtu=1 background\n";
     EXPECT_EQ(removed(text, false), text);
-    EXPECT_EQ(removed("", false), "");
-    // With "=" after the first blank the name ends at the blank.
-    EXPECT_EQ(removed("background x=1\n", true), "");
-    EXPECT_EQ(removed("mtu=1 background\n", false), "mtu=1 background\n");
 }
 
 // openconnect runs its script argument with /bin/sh -c: whatever the
 // client put into the directory and file names, the shell runs exactly the
 // named script and expands nothing.
-TEST_F(DirectiveTest, AQuotedScriptPathRunsThatScriptAndNothingElse) {
-    const std::string marker = dir_ + "/payload-ran";  // the shell runs in dir_
+TEST(ScriptQuotingTest, AQuotedScriptPathRunsThatScriptAndNothingElse) {
+    const test::TempDir tmp;
+    const std::string dir = tmp.path();
+    const std::string marker = dir + "/payload-ran";  // the shell runs in dir
     const std::vector<std::string> names = {"a b",          "$(touch payload-ran)", "`touch payload-ran`",
                                             "it's \"x\"", "'; touch payload-ran; '", "$HOME"};
     for (const std::string& name : names) {
-        const std::string folder = dir_ + "/" + std::to_string(std::hash<std::string>{}(name)) + name;
+        const std::string folder = dir + "/" + std::to_string(std::hash<std::string>{}(name)) + name;
         std::filesystem::create_directory(folder);
         const std::string script = folder + "/" + name + "-openconnect-script.sh";
         std::ofstream(script) << "#!/bin/sh\necho ran > \"$0.out\"\n";
         std::filesystem::permissions(script, std::filesystem::perms::owner_all);
         const pid_t child = ::fork();
         if (child == 0) {
-            if (::chdir(dir_.c_str()) != 0) ::_exit(126);
+            if (::chdir(dir.c_str()) != 0) ::_exit(126);
             ::execl("/bin/sh", "/bin/sh", "-c", shellQuoted(script).c_str(), static_cast<char*>(nullptr));
             ::_exit(127);
         }

@@ -18,18 +18,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// "XXXXXXXX-XXXX-4XXX-YXXX-XXXXXXXXXXXX" in upper-case hexadecimal, Y one of 8, 9, A, B.
-bool isUpperCaseVersion4UUID(std::string_view text) {
-    if (text.size() != 36) return false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        const char c = text[i];
-        if (dash != (c == '-')) return false;
-        if (!dash && !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return false;
-    }
-    return text[14] == '4' && std::string_view("89AB").find(text[19]) != std::string_view::npos;
-}
-
 TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
     // Every key setconf takes, in any case, in its own section; keys of the
     // other section and those only the client uses are dropped.
@@ -51,84 +39,30 @@ TEST(WireGuardRuntimeConfigurationTest, KeepsOnlyWhatSetconfUnderstands) {
     EXPECT_EQ(wireGuardRuntimeConfiguration(config), expected + "\n");
 }
 
-TEST(WireGuardRuntimeConfigurationTest, SectionsDecideWhichLinesSurvive) {
-    // Nothing before the first header; an unknown section drops everything up
-    // to the next known one; headers are recognised in any case and with
-    // inner blanks, and are written as the client wrote them.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("Endpoint = 192.0.2.1:1\n"
-                                            "PrivateKey = early\n"
-                                            "[Other]\n"
-                                            "PrivateKey = other\n"
-                                            "PublicKey = other\n"
-                                            "[ peer ]\n"
-                                            "PublicKey = p1\n"
-                                            "[INTERFACE]\n"
-                                            "PrivateKey = k\n"
-                                            "[]\n"
-                                            "PrivateKey = after-empty-header\n"),
-              "[ peer ]\nPublicKey = p1\n[INTERFACE]\nPrivateKey = k\n\n");
-
-    // A line that opens a bracket without closing it is a key line, and
-    // key lines need an "=".
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n[Interface\nPublicKey\nPublicKey = p"), "[Peer]\nPublicKey = p\n");
-
-    // Keys are compared without their blanks and in lower case; the line
-    // itself is kept as written, trimmed and without control characters.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\n   PRIVATEKEY\t =  k  "), "[Interface]\nPRIVATEKEY =  k\n");
+TEST(WireGuardRuntimeConfigurationTest, SectionsCommentsAndLineEnds) {
+    const std::pair<std::string, std::string> cases[] = {
+        // Nothing before the first header; an unknown section drops everything
+        // up to the next known one; headers in any case and with inner blanks.
+        {"Endpoint = 192.0.2.1:1\nPrivateKey = early\n[Other]\nPrivateKey = other\n[ peer ]\nPublicKey = p1\n"
+         "[INTERFACE]\nPrivateKey = k\n[]\nPrivateKey = after-empty-header\n",
+         "[ peer ]\nPublicKey = p1\n[INTERFACE]\nPrivateKey = k\n\n"},
+        // An unclosed bracket is a key line, and key lines need an "=".
+        {"[Peer]\n[Interface\nPublicKey\nPublicKey = p", "[Peer]\nPublicKey = p\n"},
+        // Keys compared without blanks and in lower case; lines kept as written.
+        {"[Interface]\n   PRIVATEKEY\t =  k  ", "[Interface]\nPRIVATEKEY =  k\n"},
+        {"\xEF\xBB\xBF[Interface]\n\n\n# a comment\n; another\nPrivateKey = k\n   \n\t\nDNS = 1.1.1.1\n\n[Peer]\n"
+         "PublicKey = p\n\n\n\n",
+         "[Interface]\n\nPrivateKey = k\n\n[Peer]\nPublicKey = p\n\n"},
+        {"\n\nMTU = 1\n\n[Interface]\nPrivateKey = k", "[Interface]\nPrivateKey = k\n"},
+        // Every "\r\n" is two line breaks; no carriage return survives.
+        {"[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n", "[Interface]\n\nPrivateKey = k\n\n"},
+        {"[Interface]\nPrivateKey = a\tb\x01" "c", "[Interface]\nPrivateKey = abc\n"},
+        {"# only a comment\n", ""},
+    };
+    for (const auto& [config, runtime] : cases) EXPECT_EQ(wireGuardRuntimeConfiguration(config), runtime) << config;
 }
 
-TEST(WireGuardRuntimeConfigurationTest, CommentsBlankLinesControlCharactersAndByteOrderMark) {
-    EXPECT_EQ(wireGuardRuntimeConfiguration("\xEF\xBB\xBF[Interface]\n"
-                                            "\n\n"
-                                            "# a comment\n"
-                                            "; another\n"
-                                            "PrivateKey = k\n"
-                                            "   \n"
-                                            "\t\n"
-                                            "DNS = 1.1.1.1\n"
-                                            "\n"
-                                            "[Peer]\n"
-                                            "PublicKey = p\n"
-                                            "\n\n\n"),
-              "[Interface]\n\nPrivateKey = k\n\n[Peer]\nPublicKey = p\n\n");
-
-    // Leading blank lines never reach the output, nor do lines of dropped
-    // sections count as content.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("\n\nMTU = 1\n\n[Interface]\nPrivateKey = k"),
-              "[Interface]\nPrivateKey = k\n");
-
-    // Windows line ends: every "\r\n" is two line breaks, so each line is
-    // followed by one blank line, and no carriage return survives.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\r\nPrivateKey = k\r\nMTU = 1\r\n"),
-              "[Interface]\n\nPrivateKey = k\n\n");
-
-    // Control characters inside a line are removed.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nPrivateKey = a\tb\x01"
-                                            "c"),
-              "[Interface]\nPrivateKey = abc\n");
-    EXPECT_EQ(wireGuardRuntimeConfiguration(""), "");
-    EXPECT_EQ(wireGuardRuntimeConfiguration("# only a comment\n"), "");
-}
-
-TEST(WireGuardRuntimeConfigurationTest, EndpointLinesAreRebuiltWithResolvedHosts) {
-    test::LogCapture log;
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Peer]\n"
-                                            "endpoint=192.0.2.9:51820\n"
-                                            "Endpoint   =   [2001:db8::1]:51820\n"
-                                            "ENDPOINT = localhost:51820\n"
-                                            "Endpoint ="),
-              "[Peer]\n"
-              "endpoint = 192.0.2.9:51820\n"
-              "Endpoint = [2001:db8::1]:51820\n"
-              "ENDPOINT = 127.0.0.1:51820\n"
-              "Endpoint = \n");
-    EXPECT_THAT(log.lines(), ElementsAre("Rewriting WireGuard endpoint 'localhost:51820' to IPv4 endpoint "
-                                       "'127.0.0.1:51820' for runtime configuration."));
-
-    // An endpoint key outside a peer section is an unknown interface key.
-    EXPECT_EQ(wireGuardRuntimeConfiguration("[Interface]\nEndpoint = localhost:1"), "[Interface]\n");
-}
-
+// A peer's endpoint name rewritten in the runtime text: WireGuardTunnelTest.
 TEST(WireGuardIPv4EndpointTest, ResolvesNamesAndLeavesEverythingElse) {
     EXPECT_EQ(wireGuardIPv4Endpoint("  localhost:1  "), "127.0.0.1:1");
     // A numeric IPv4 form that is not dotted quad is normalised by the resolver.
@@ -177,16 +111,6 @@ TEST(WireGuardAddressesTest, EveryAddressLineInFileOrder) {
                                              "Address = 10.0.0.4/32\n"),
                 ElementsAre("10.0.0.2/24", "fd00::2", "10.0.0.3", "10.0.0.4/32"));
     EXPECT_THAT(wireGuardAddressesFromConfig("[Interface]\nPrivateKey = k\n"), IsEmpty());
-}
-
-TEST(WireGuardRuntimeFileTest, FreshUpperCaseUUIDNames) {
-    std::set<std::string> seen;
-    for (int i = 0; i < 200; ++i) {
-        const std::string name = randomUUIDString();
-        ASSERT_TRUE(isUpperCaseVersion4UUID(name)) << name;
-        seen.insert(name);
-    }
-    EXPECT_EQ(seen.size(), 200u);
 }
 
 TEST(NetmaskTest, PrefixLengthsToDottedMasks) {

@@ -16,49 +16,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// One queue: items run one at a time and in order, even when the pool has
-// threads to spare and items are queued from several threads at once.
-TEST(SerialQueueTest, RunsItsItemsOneAtATimeInOrder) {
-    auto pool = std::make_shared<WorkerPool>(8);
-    std::vector<int> order;
-    std::atomic<int> running{0};
-    std::atomic<bool> overlapped{false};
-    {
-        SerialQueue queue("test.order", pool);
-        for (int i = 0; i < 200; ++i) {
-            queue.async([&, i] {
-                if (running.fetch_add(1) != 0) overlapped = true;
-                order.push_back(i);
-                running.fetch_sub(1);
-            });
-        }
-        queue.sync([] {});
-    }
-    EXPECT_FALSE(overlapped);
-    ASSERT_EQ(order.size(), 200u);
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
-}
-
-// Two queues on one pool run side by side: a long item on one does not hold
-// up the other, and a queue flooded with work does not starve the other.
-TEST(SerialQueueTest, DifferentQueuesRunConcurrently) {
-    auto pool = std::make_shared<WorkerPool>(4);
-    SerialQueue slow("test.slow", pool);
-    SerialQueue quick("test.quick", pool);
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    slow.async([released] { released.wait(); });
-    std::atomic<int> slowItems{0};
-    for (int i = 0; i < 1000; ++i) slow.async([&] { ++slowItems; });
-    EXPECT_GE(slow.pendingCount(), 1000u);
-
-    std::promise<void> quickRan;
-    quick.async([&] { quickRan.set_value(); });
-    EXPECT_EQ(quickRan.get_future().wait_for(2s), std::future_status::ready);
-    release.set_value();
-    slow.sync([] {});
-    EXPECT_EQ(slowItems, 1000);
-}
+// Items of one queue in order, one at a time, while another queue's run
+// beside them: DbusListenerTest, with a queue per client.
 
 TEST(SerialQueueTest, SyncFromItsOwnItemRunsInlineAndDestructorWaits) {
     auto pool = std::make_shared<WorkerPool>(2);
@@ -117,24 +76,6 @@ TEST(WorkerPoolTest, BoundsItsThreadsAndRetiresIdleOnes) {
     std::promise<void> ran;
     pool.submit([&] { ran.set_value(); });
     EXPECT_EQ(ran.get_future().wait_for(2s), std::future_status::ready);
-}
-
-// Two items submitted back to back while one thread idles must not wait for
-// each other: the second one gets a thread of its own.
-TEST(WorkerPoolTest, WorkArrivingTogetherDoesNotQueueBehindAnIdleThread) {
-    WorkerPool pool(4);
-    std::promise<void> warm;
-    pool.submit([&] { warm.set_value(); });
-    warm.get_future().wait();
-    std::this_thread::sleep_for(20ms);  // the thread is idle now
-
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    std::promise<void> secondRan;
-    pool.submit([released] { released.wait(); });
-    pool.submit([&] { secondRan.set_value(); });
-    EXPECT_EQ(secondRan.get_future().wait_for(2s), std::future_status::ready);
-    release.set_value();
 }
 
 // Dropping the last owner of a pool from work running on it must neither

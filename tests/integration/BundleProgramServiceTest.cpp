@@ -79,8 +79,7 @@ TEST(BundleProgramServiceTest, OnlyTheVendorsProgramsStart) {
 
     const Dictionary reply = connect(vendor);
     EXPECT_GT(pidOf(reply), 0) << errorMessageOf(reply) << helper.helperLog();
-    for (int i = 0; i < 500 && !fs::exists(root.file("vendor.ran")); ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_TRUE(fs::exists(root.file("vendor.ran")));
+    EXPECT_TRUE(eventually([&] { return fs::exists(root.file("vendor.ran")); }, 5s));
     // By now any of the others that had started would have left its marker.
     for (const auto& [name, bundle] : refused) EXPECT_FALSE(fs::exists(root.file(name + ".ran"))) << name << " ran";
 }

@@ -35,8 +35,8 @@ protected:
         if (::access(kResolved.c_str(), X_OK) != 0) GTEST_SKIP() << kResolved << " missing: run scripts/setup";
         // resolved runs as its own user, which this machine does not have.
         const std::string user = "systemd-resolve:x:991:991::/:/usr/sbin/nologin\n";
-        work.write("passwd", readWholeFile("/etc/passwd") + user);
-        work.write("group", readWholeFile("/etc/group") + "systemd-resolve:x:991:\n");
+        work.write("passwd", fileText("/etc/passwd") + user);
+        work.write("group", fileText("/etc/group") + "systemd-resolve:x:991:\n");
         work.write("resolv.conf", kStub);
         std::filesystem::create_directories(work.file("varlib"));
         std::filesystem::create_directories(work.file("run"));
@@ -70,9 +70,9 @@ protected:
         ::setenv("SYSTEMD_LOG_TARGET", "console", 1);
         resolved = std::make_unique<BackgroundProgram>("", std::vector<std::string>{kResolved}, work.file("resolved.log"));
         ASSERT_TRUE(eventually([] { return platform::dns::ResolvedLinks::running(); }, std::chrono::seconds(10)))
-            << readWholeFile(work.file("resolved.log"));
+            << fileText(work.file("resolved.log"));
         ASSERT_TRUE(eventually([] { return lookUpHost("printer.home.test") == "10.66.6.6"; }, std::chrono::seconds(10)))
-            << readWholeFile(work.file("resolved.log"));
+            << fileText(work.file("resolved.log"));
     }
 
     void TearDown() override {
@@ -98,7 +98,7 @@ protected:
     Dictionary restore() { return helper->call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-a"}}); }
 
     Dictionary projection() const {
-        const auto value = readPropertyList(readWholeFile("/var/run/Korvo/dynamic-store/projection.plist"));
+        const auto value = readPropertyList(fileText("/var/run/Korvo/dynamic-store/projection.plist"));
         return value && value->asDictionary() ? *value->asDictionary() : Dictionary{};
     }
 
@@ -122,7 +122,7 @@ TEST_F(ResolvedDnsServiceTest, SplitRoutesOnlyTheTunnelDomainToTheTunnel) {
     ASSERT_EQ(restore(), Dictionary{});
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kStub);  // never touched with resolved
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kStub);  // never touched with resolved
 }
 
 TEST_F(ResolvedDnsServiceTest, TakeoverSendsEveryQueryToTheTunnel) {

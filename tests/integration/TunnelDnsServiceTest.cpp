@@ -94,7 +94,7 @@ TEST_F(TunnelDnsServiceTest, TakeoverAsksOnlyTheTunnelAndRestoreGivesTheFileBack
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("printer.home.test"), "");  // the home server is no longer asked
     ASSERT_EQ(restore("a"), Dictionary{});
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
 }
@@ -125,22 +125,22 @@ TEST_F(TunnelDnsServiceTest, SplitAsksTheTunnelFirstAndUsesItsSearchDomain) {
     // the home server next; a server that answered NXDOMAIN would end it.
     EXPECT_EQ(lookUpHost("printer.home.test"), "10.66.6.6");
     ASSERT_EQ(restore("a"), Dictionary{});
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet"), "");
 }
 
 TEST_F(TunnelDnsServiceTest, AHelperKilledInTheMiddleKeepsTheTunnelDnsAndRestoresAfterRestart) {
     ASSERT_EQ(publish("a", kTunnelA, {"corp.test"}), Dictionary{});
-    const std::string written = readWholeFile("/etc/resolv.conf");
+    const std::string written = fileText("/etc/resolv.conf");
     ASSERT_EQ(::kill(helper.helperPid(), SIGKILL), 0);
     ASSERT_EQ(helper.waitForHelperExit(), -1);
     helper.stop();
     HelperFixture restarted;
     ASSERT_EQ(restarted.start(), std::nullopt);
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), written);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), written);
     EXPECT_EQ(lookUpHost("intranet"), "10.77.7.7");
     ASSERT_EQ(restore(restarted, "a"), Dictionary{});
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kOriginal);
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "");
 }
 
@@ -164,7 +164,7 @@ TEST_F(TwoConnectionsTest, SecondRestoredFirst) {
     EXPECT_EQ(lookUpHost("intranet.corp.test"), "10.77.7.7");
     EXPECT_EQ(lookUpHost("vault.b.test"), "");
     ASSERT_EQ(restore("a"), Dictionary{});
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kOriginal);
 }
 
 TEST_F(TwoConnectionsTest, FirstRestoredFirst) {
@@ -185,7 +185,7 @@ TEST_F(TwoConnectionsTest, FirstRestoredFirst) {
     ASSERT_EQ(::unlink("/var/run/Korvo/dynamic-store/store.plist"), 0);
     HelperFixture rebooted;
     ASSERT_EQ(rebooted.start(), std::nullopt);
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), kOriginal);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), kOriginal);
 }
 
 TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheRestore) {
@@ -197,7 +197,7 @@ TEST_F(TunnelDnsServiceTest, ARewriteByAnotherProgramIsWrittenOverAndKeptForTheR
     EXPECT_TRUE(eventually([] { return lookUpHost("intranet.corp.test") == "10.77.7.7"; }));
     EXPECT_EQ(lookUpHost("printer.home.test"), "");
     ASSERT_EQ(restore("a"), Dictionary{});
-    EXPECT_EQ(readWholeFile("/etc/resolv.conf"), dhcp);
+    EXPECT_EQ(fileText("/etc/resolv.conf"), dhcp);
 }
 
 }  // namespace

@@ -16,36 +16,17 @@
 
 #include "TestBundle.h"
 #include "support/TestSupport.h"
-#include "util/Error.h"
 #include "support/HelperFixture.h"
 
 namespace korvo::test {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
 const std::string kBundlePath = KORVO_TEST_BUNDLE_PATH;
-
-// The error of a reply (code 0 and no text when there is none) and its pid.
-struct Outcome {
-    std::int64_t code = 0;
-    std::string description;
-    std::int64_t pid = 0;
-};
-Outcome outcomeOf(const Dictionary& reply) {
-    Outcome outcome;
-    if (const auto it = reply.find("error"); it != reply.end() && it->second.asDictionary()) {
-        const auto error = KorvoError::fromDictionary(*it->second.asDictionary());
-        outcome.code = error ? error->code : -1;
-        outcome.description = error ? error->displayText() : "";
-    }
-    if (const auto it = reply.find("pid"); it != reply.end()) outcome.pid = it->second.integerValue().value_or(0);
-    return outcome;
-}
 
 struct Variant {
     std::string operation;
@@ -94,8 +75,8 @@ protected:
         return work + "/" + name;
     }
 
-    Outcome connect(const std::string& operation, const std::string& configPath, std::uint64_t comPort = 0) {
-        return outcomeOf(helper.call(operation, {{"config", configPath}, {"comPort", comPort}}));
+    Dictionary connect(const std::string& operation, const std::string& configPath, std::uint64_t comPort = 0) {
+        return helper.call(operation, {{"config", configPath}, {"comPort", comPort}});
     }
 
     // After a failed connect: no tunnel program left running, no zombie, no
@@ -134,13 +115,13 @@ TEST_P(WireGuardTunnelVariantTest, TunnelCarriesTrafficBothWaysAndEndsOnSigint) 
 
     ComPortListener comPort;
     ASSERT_NE(comPort.port(), 0u);
-    const Outcome reply =
+    const Dictionary reply =
         connect(variant.operation, writeConfig(variant.interfaceName, helperKeys, peerKeys.publicKey), comPort.port());
-    ASSERT_EQ(reply.code, 0) << reply.description << "\n" << helper.helperLog();
+    ASSERT_EQ(errorCodeOf(reply), 0) << errorMessageOf(reply) << "\n" << helper.helperLog();
 
     // The reply names the running tunnel program, whose streams reach the
     // client's com port.
-    const auto pid = static_cast<pid_t>(reply.pid);
+    const auto pid = static_cast<pid_t>(pidOf(reply));
     ASSERT_GT(pid, 0);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe"),
               kBundlePath + "/Contents/MacOS/" + variant.userspaceExecutable);
@@ -183,11 +164,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(WireGuardTunnelTest, ProgramThatExitsAtOnceIsReportedWithItsOutput) {
     // The loopback link is no tun device: wireguard-go gives up at once.
-    const Outcome reply =
+    const Dictionary reply =
         connect("connectWireGuardWithConfig", writeConfig("lo", generateKeyPair(), generateKeyPair().publicKey));
-    EXPECT_EQ(reply.code, 55);
-    EXPECT_EQ(reply.pid, -1);
-    EXPECT_THAT(reply.description,
+    EXPECT_EQ(errorCodeOf(reply), 55);
+    EXPECT_EQ(pidOf(reply), -1);
+    EXPECT_THAT(errorMessageOf(reply),
                 AllOf(HasSubstr("WireGuard userspace backend terminated before its control socket became available. "
                                 "Backend output: "),
                       HasSubstr("Failed to create TUN device")));
@@ -195,13 +176,13 @@ TEST_F(WireGuardTunnelTest, ProgramThatExitsAtOnceIsReportedWithItsOutput) {
 }
 
 TEST_F(WireGuardTunnelTest, ConfigurationRejectedBySetconfStopsTheProgram) {
-    const Outcome reply = connect(
+    const Dictionary reply = connect(
         "connectWireGuardWithConfig",
         writeFile("badkey.conf",
                   "# KorvoInterfaceName = kwgbad0\n[Interface]\nPrivateKey = not-a-key\nAddress = 10.77.0.2\n"));
-    EXPECT_EQ(reply.code, 68);
-    EXPECT_EQ(reply.pid, -1);
-    EXPECT_THAT(reply.description, HasSubstr("Key is not the correct length or format"));
+    EXPECT_EQ(errorCodeOf(reply), 68);
+    EXPECT_EQ(pidOf(reply), -1);
+    EXPECT_THAT(errorMessageOf(reply), HasSubstr("Key is not the correct length or format"));
     expectNothingLeftBehind();
     EXPECT_TRUE(eventually([] { return shell("ip link show dev kwgbad0").exitStatus != 0; }));
 }
@@ -223,10 +204,10 @@ TEST_F(WireGuardTunnelTest, RefusedBeforeAnyProgramStarts) {
          "WireGuard config file not found at " + work + "/missing.conf"},
     };
     for (const auto& [operation, config, code, message] : cases) {
-        const Outcome reply = connect(operation, config);
-        EXPECT_EQ(reply.code, code) << message;
-        EXPECT_THAT(reply.description, EndsWith("\n\n" + message));
-        EXPECT_EQ(reply.pid, -1);
+        const Dictionary reply = connect(operation, config);
+        EXPECT_EQ(errorCodeOf(reply), code) << message;
+        EXPECT_EQ(errorMessageOf(reply), message);
+        EXPECT_EQ(pidOf(reply), -1);
     }
 
     // A bundle holding the tunnel program but not the control program.
@@ -234,12 +215,10 @@ TEST_F(WireGuardTunnelTest, RefusedBeforeAnyProgramStarts) {
     std::filesystem::create_directories(bundle + "/Contents/MacOS");
     std::filesystem::copy_file(kBundlePath + "/Contents/MacOS/wireguard-go", bundle + "/Contents/MacOS/wireguard-go");
     helper.call("setKorvoBundlePath", {{"path", bundle}});
-    Outcome reply = connect("connectWireGuardWithConfig", good);
-    EXPECT_EQ(reply.code, 62);
-    EXPECT_THAT(reply.description, EndsWith("WireGuard control executable 'wg' not found in app bundle."));
-    reply = connect("connectAmneziaWGWithConfig", good);
-    EXPECT_EQ(reply.code, 62);
-    EXPECT_THAT(reply.description, EndsWith("AmneziaWG launcher executable 'amneziawg-go' not found in app bundle."));
+    EXPECT_EQ(errorMessageOf(connect("connectWireGuardWithConfig", good)),
+              "WireGuard control executable 'wg' not found in app bundle.");
+    EXPECT_EQ(errorMessageOf(connect("connectAmneziaWGWithConfig", good)),
+              "AmneziaWG launcher executable 'amneziawg-go' not found in app bundle.");
 
     EXPECT_THAT(processesNamed("wireguard-go"), IsEmpty());
     EXPECT_THAT(zombieProcesses(), IsEmpty());

@@ -9,7 +9,6 @@
 
 #include "support/TestSupport.h"
 #include "network/NetworkSystemOperations.h"
-#include "support/TestSupport.h"
 #include "util/FileSystem.h"
 
 using namespace korvo;
@@ -72,26 +71,4 @@ TEST_F(ResolverFiles, RemovesOnlyMarkedFilesAndToleratesAMissingDirectory) {
     EXPECT_FALSE(NetworkSystemOperations(nullptr, nullptr, directory)._removeKorvoGeneratedResolverFiles());
     EXPECT_EQ(remaining(), (std::vector<std::string>{"almost.example", "corp.example"}));
     EXPECT_FALSE(NetworkSystemOperations(nullptr, nullptr, root.file("absent/"))._removeKorvoGeneratedResolverFiles());
-}
-
-TEST_F(ResolverFiles, AnUnreadableEntryStopsTheRemovalWhereItStands) {
-    // Root reads any file: the unreadable entries are a directory and text
-    // that is not UTF-8. Marked files around them, in whatever order the
-    // file system lists them.
-    for (int i = 0; i < 6; ++i) write("a" + std::to_string(i), "#@KORVO_GENERATED\n");
-    ASSERT_EQ(::mkdir((directory + "subdirectory").c_str(), 0755), 0);
-    write("binary", std::string("\xff\xfe#@KORVO_GENERATED", 19));
-    for (int i = 0; i < 6; ++i) write("b" + std::to_string(i), "#@KORVO_GENERATED\n");
-    const std::vector<std::string> order = directoryEntries(directory).value();
-    const auto unreadable = std::find_if(order.begin(), order.end(), [](auto& n) { return n.size() > 2; });
-
-    const MaybeError error = NetworkSystemOperations(nullptr, nullptr, directory)._removeKorvoGeneratedResolverFiles();
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain, CocoaErrorDomain);
-    // What was listed before the first unreadable entry is gone; it and all after it stay.
-    std::vector<std::string> expected(unreadable, order.end());
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(remaining(), expected);
-    EXPECT_TRUE(std::any_of(expected.begin(), expected.end(), [](auto& n) { return n.size() == 2; }))
-        << "no marked file was listed after the unreadable entry";
 }

@@ -23,7 +23,7 @@ bool isUp(const char* name) {
 }  // namespace
 
 TEST(KernelInterfaces, TunAndTapDevicesAreDestroyedAndAbsentOnesTolerated) {
-    ASSERT_EQ(shell("ip tuntap add mode tun name utun7 && ip tuntap add mode tap name tap0"
+    ASSERT_EQ(shell("ip link del korvotunnel1234 2>/dev/null; ip tuntap add mode tun name utun7 && ip tuntap add mode tap name tap0"
                       " && ip tuntap add mode tun name korvotunnel1234").exitStatus, 0)
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;
@@ -43,7 +43,8 @@ TEST(KernelInterfaces, TunAndTapDevicesAreDestroyedAndAbsentOnesTolerated) {
 }
 
 TEST(KernelInterfaces, EthernetNamedInterfacesAreListedAndBroughtDownAndUp) {
-    ASSERT_EQ(shell("ip link add en0 type veth peer name enx1 && ip link add bridge0 type bridge"
+    ASSERT_EQ(shell("ip link del en0 2>/dev/null; ip link del bridge0 2>/dev/null; ip link del utun3 2>/dev/null;"
+                    " ip link del en0123456789abc 2>/dev/null; ip link add en0 type veth peer name enx1 && ip link add bridge0 type bridge"
                       " && ip tuntap add mode tun name utun3 && ip link add en0123456789abc type veth peer name peer0").exitStatus, 0)
         << "run this test through tests/support/isolated";
     NetworkSystemOperations operations;

@@ -18,7 +18,7 @@ namespace {
 class KernelRoutes : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(shell("ip link add veth0 type veth peer name veth1 && ip link set veth0 up && ip link set veth1 up"
+        ASSERT_EQ(shell("ip link del veth0 2>/dev/null; ip link del utun5 2>/dev/null; ip link add veth0 type veth peer name veth1 && ip link set veth0 up && ip link set veth1 up"
                           " && ip addr add 192.0.2.1/24 dev veth0 && ip -6 addr add 2001:db8:1::1/64 dev veth0 nodad").exitStatus, 0)
             << "run this test through tests/support/isolated";
     }

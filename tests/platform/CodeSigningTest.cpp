@@ -23,6 +23,16 @@ constexpr const char* kSmallProgram = "/usr/bin/sleep";
 
 class CodeSigningTest : public ::testing::Test {
 protected:
+    // A copy of source with one byte changed (XOR mask) at offset.
+    std::string changedCopy(const std::string& source, const std::string& name, std::size_t offset, std::uint8_t mask) {
+        const std::string copy = dir.file(name);
+        fs::copy_file(source, copy);
+        auto bytes = readBytes(copy);
+        bytes[offset] ^= mask;
+        writeBytes(copy, bytes);
+        return copy;
+    }
+
     LinuxCodeSigning signing{testAnchors()};
     TempDir dir;
 };
@@ -37,12 +47,8 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     fs::copy_file(kSmallProgram, unsignedCopy);
     EXPECT_EQ(signing.codeSignStateForExecutable(unsignedCopy), CodeSignState::Unsigned);
 
-    const std::string modified = dir.file("modified");
-    fs::copy_file(valid, modified);
-    auto bytes = readBytes(modified);
-    bytes[100] ^= 0x01;
-    writeBytes(modified, bytes);
-    EXPECT_EQ(signing.codeSignStateForExecutable(modified), CodeSignState::InvalidSignature);
+    EXPECT_EQ(signing.codeSignStateForExecutable(changedCopy(valid, "modified", 100, 0x01)),
+              CodeSignState::InvalidSignature);
 
     const std::string otherCa = dir.file("otherca");
     signedCopy(kSmallProgram, otherCa, "com.tallowmar.test.otherca", kOtherCaSigner);
@@ -53,13 +59,8 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     EXPECT_EQ(signing.codeSignStateForExecutable(serverCert), CodeSignState::NotVerifiable);
 
     // A later format version: the code directory's version field follows its magic.
-    const std::string future = dir.file("future");
-    fs::copy_file(valid, future);
-    bytes = readBytes(future);
-    const std::size_t block = fs::file_size(kSmallProgram);
-    bytes[block + 7] = 2;
-    writeBytes(future, bytes);
-    EXPECT_EQ(signing.codeSignStateForExecutable(future), CodeSignState::Unsupported);
+    EXPECT_EQ(signing.codeSignStateForExecutable(changedCopy(valid, "future", fs::file_size(kSmallProgram) + 7, 0x03)),
+              CodeSignState::Unsupported);
 
     EXPECT_EQ(signing.codeSignStateForExecutable(dir.file("missing")), CodeSignState::CouldNotCheck);
     EXPECT_EQ(signing.codeSignStateForExecutable(dir.path()), CodeSignState::CouldNotCheck);
@@ -67,42 +68,6 @@ TEST_F(CodeSigningTest, ExecutableStatesCoverAllSixCases) {
     const std::string unreadable = dir.file("fifo");
     ASSERT_EQ(::mkfifo(unreadable.c_str(), 0600), 0);
     EXPECT_EQ(signing.codeSignStateForExecutable(unreadable), CodeSignState::CouldNotCheck);
-}
-
-TEST_F(CodeSigningTest, SigningInPlaceReplacesTheBlockAndKeepsModeAndLinks) {
-    const std::string program = dir.file("program");
-    signedCopy(kSmallProgram, program, "com.tallowmar.first");
-    ASSERT_EQ(::chmod(program.c_str(), 0750), 0);
-    const auto onceSigned = fs::file_size(program);
-    const std::string link = dir.file("link");
-    fs::create_symlink(program, link);
-
-    ASSERT_FALSE(platform::codesign::signFile(link, {"com.tallowmar.second", kTeamSigner.certificate,
-                                                     std::string(kTeamSigner.chain), kTeamSigner.key}));
-    EXPECT_TRUE(fs::is_symlink(link));
-    // The new block sits where the old one was, over the same code.
-    EXPECT_LT(fs::file_size(program), onceSigned + 16);
-    const UniqueFd fd(::open(program.c_str(), O_RDONLY | O_CLOEXEC));
-    const auto description = platform::codesign::describeSignature(fd.get());
-    EXPECT_EQ(description.directory.identifier, "com.tallowmar.second");
-    EXPECT_EQ(description.directory.codeLength, fs::file_size(kSmallProgram));
-    struct stat st {};
-    ASSERT_EQ(::stat(program.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0750u);
-    EXPECT_EQ(signing.codeSignStateForExecutable(program), CodeSignState::Valid);
-    EXPECT_EQ(dir.path(), fs::path(program).parent_path());
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2)
-        << "no temporary file left behind";
-
-    // Refusals leave the file as it was.
-    const auto before = readBytes(program);
-    EXPECT_TRUE(platform::codesign::signFile(program, {"", kTeamSigner.certificate, std::nullopt, kTeamSigner.key}));
-    EXPECT_TRUE(platform::codesign::signFile(
-        program, {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt, kOtherTeamSigner.key}));
-    EXPECT_TRUE(platform::codesign::signFile(dir.file("absent"),
-                                             {"com.tallowmar.x", kTeamSigner.certificate, std::nullopt,
-                                              kTeamSigner.key}));
-    EXPECT_EQ(readBytes(program), before);
 }
 
 // Before a launch, on the open file: a program named through the client
@@ -184,21 +149,11 @@ TEST_F(ClientAcceptanceTest, OnlyTheSignedClientSatisfiesTheRequirement) {
     EXPECT_EQ(accept(otherCa, "identifier \"com.tallowmar.Korvo\" and certificate leaf[subject.OU] = Q4XW82KTJN"),
               status::kSuccess);
 
-    const std::string modified = dir.file("modified");
-    fs::copy_file(client, modified);
-    auto bytes = readBytes(modified);
-    bytes[bytes.size() / 3] ^= 0x80;
-    writeBytes(modified, bytes);
-    EXPECT_EQ(accept(modified), status::kSignatureFailed);
-
+    const std::size_t inTheCode = fs::file_size(client) / 3;
+    EXPECT_EQ(accept(changedCopy(client, "modified", inTheCode, 0x80)), status::kSignatureFailed);
     // Another team's changed file is refused for its signer, before the
     // code is read.
-    const std::string otherModified = dir.file("othermodified");
-    fs::copy_file(otherTeam, otherModified);
-    bytes = readBytes(otherModified);
-    bytes[bytes.size() / 3] ^= 0x80;
-    writeBytes(otherModified, bytes);
-    EXPECT_EQ(accept(otherModified), status::kRequirementFailed);
+    EXPECT_EQ(accept(changedCopy(otherTeam, "othermodified", inTheCode, 0x80)), status::kRequirementFailed);
 
     const std::string unsignedCopy = dir.file("unsigned");
     fs::copy_file(kSmallProgram, unsignedCopy);

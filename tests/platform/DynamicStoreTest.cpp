@@ -30,7 +30,7 @@ struct Machine {
     std::unique_ptr<LinuxDynamicStore> start() const {
         return std::make_unique<LinuxDynamicStore>(LinuxDynamicStore::Options{area, paths, nullptr, false});
     }
-    std::string resolvConf() const { return test::readWholeFile(paths.resolvConf); }
+    std::string resolvConf() const { return test::fileText(paths.resolvConf); }
 };
 
 void publish(LinuxDynamicStore& store, const std::string& service, std::vector<std::string> servers,

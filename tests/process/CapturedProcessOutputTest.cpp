@@ -67,15 +67,5 @@ TEST(CapturedProcessOutputTest, ConcurrentWritersAndReadersSeeConsistentTails) {
     EXPECT_EQ(output.capturedText(), std::string(4096, 'x'));
 }
 
-TEST(CapturedProcessOutputTest, BackendOutputIsAppendedOnlyWhenThereIsText) {
-    EXPECT_EQ(messageWithBackendOutput("Failed.", nullptr), "Failed.");
-    CSCapturedProcessOutput output;
-    EXPECT_EQ(messageWithBackendOutput("Failed.", &output), "Failed.");
-    output.appendData(bytesOf("\n\n"));
-    EXPECT_EQ(messageWithBackendOutput("Failed.", &output), "Failed.");
-    output.appendData(bytesOf("tun device busy\n"));
-    EXPECT_EQ(messageWithBackendOutput("Failed.", &output), "Failed. Backend output: tun device busy");
-}
-
 }  // namespace
 }  // namespace korvo

@@ -23,6 +23,7 @@
 
 #include "KorvoClient.h"
 #include "process/ChildProcess.h"
+#include "support/TestSupport.h"
 #include "util/UniqueFd.h"
 
 namespace korvo::test {
@@ -61,15 +62,6 @@ std::shared_ptr<ChildProcess> spawn(const std::vector<std::string>& argv, const 
 std::optional<int> waitForExit(ChildProcess& child, std::chrono::milliseconds timeout) {
     if (!child.waitForExit(static_cast<double>(timeout.count()) / 1000.0)) return std::nullopt;
     return child.terminatedBySignal() ? -1 : child.terminationStatus().value_or(-1);
-}
-
-void endProcess(const std::shared_ptr<ChildProcess>& child) {
-    if (!child) return;
-    child->terminate();
-    if (!child->waitForExit(5.0)) {
-        child->sendSignal(SIGKILL);
-        child->waitUntilExit();
-    }
 }
 
 // Both ends of a new pipe, close-on-exec.
@@ -152,18 +144,14 @@ CommandResult runCommand(const std::filesystem::path& directory, const std::stri
     const auto open = [](const std::string& path) {
         return UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     };
-    const auto read = [](const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    };
     CommandResult result;
     environment["DBUS_SYSTEM_BUS_ADDRESS"] = busAddress;
     const auto child = spawn(argv, environmentWith(environment), open(base + ".out").get(), open(base + ".err").get());
     if (!child) return result;
     if (!child->waitForExit(static_cast<double>(timeout.count()) / 1000.0)) child->sendSignal(SIGKILL);
     result.exitStatus = waitForExit(*child, std::chrono::seconds(10)).value_or(-1);
-    result.standardOutput = read(base + ".out");
-    result.standardError = read(base + ".err");
+    result.standardOutput = fileText(base + ".out");
+    result.standardError = fileText(base + ".err");
     return result;
 }
 
@@ -171,6 +159,7 @@ CommandResult runCommand(const std::filesystem::path& directory, const std::stri
 
 struct HelperFixture::State {
     Options options;
+    std::unique_ptr<TempDir> workDirectory;
     std::filesystem::path directory;
     std::string busAddress;
     std::shared_ptr<ChildProcess> bus, helper;
@@ -194,7 +183,6 @@ HelperFixture::HelperFixture(Options options) : state_(std::make_unique<State>()
 
 HelperFixture::~HelperFixture() { stop(); }
 
-std::string HelperFixture::defaultHelperPath() { return KORVO_HELPER_BINARY_PATH; }
 std::string HelperFixture::korvoctlPath() { return KORVOCTL_BINARY_PATH; }
 std::string HelperFixture::signedCallerPath() { return KORVO_TEST_CALLER_PATH; }
 std::string HelperFixture::unsignedCallerPath() { return KORVO_TEST_CALLER_UNSIGNED_PATH; }
@@ -217,11 +205,9 @@ std::string HelperFixture::installProgram(const std::string& source, const std::
 
 std::optional<std::string> HelperFixture::start() {
     auto& s = *state_;
-    char directoryTemplate[] = "/tmp/korvo-bus-XXXXXX";
-    if (::mkdtemp(directoryTemplate) == nullptr) return std::string("mkdtemp: ") + std::strerror(errno);
-    s.directory = directoryTemplate;
     // Clients run as nobody reach the bus's socket in here.
-    ::chmod(s.directory.c_str(), 0711);
+    s.workDirectory = std::make_unique<TempDir>("/tmp", 0711);
+    s.directory = s.workDirectory->path();
     if (s.options.korvoGroup) {
         if (auto problem = mountGroupFileWithKorvo(s.directory / "group", s.korvoGroupId)) return problem;
         s.groupFileMounted = true;
@@ -250,7 +236,7 @@ std::optional<std::string> HelperFixture::start() {
     auto [outputRead, outputWrite] = makePipe();
     auto env = s.options.environment;
     env["DBUS_SYSTEM_BUS_ADDRESS"] = s.busAddress;
-    const std::string helperPath = s.options.helperPath.empty() ? defaultHelperPath() : s.options.helperPath;
+    const std::string helperPath = s.options.helperPath.empty() ? KORVO_HELPER_BINARY_PATH : s.options.helperPath;
     s.helper = spawn({helperPath}, environmentWith(env), outputWrite.get(), outputWrite.get());
     if (!s.helper) return "cannot start " + helperPath;
     outputWrite.reset();
@@ -351,22 +337,19 @@ void HelperFixture::stop() {
     auto& s = *state_;
     s.client.reset();
     if (s.helper && !s.helperExitStatus) {
-        endProcess(s.helper);
+        endChild(s.helper);
         s.helperExitStatus = -1;
     }
     s.stopReading = true;
     if (s.logReader.joinable()) s.logReader.join();
-    endProcess(s.bus);
+    endChild(s.bus);
     s.bus.reset();
     if (s.groupFileMounted) {
         ::umount2("/etc/group", MNT_DETACH);
         s.groupFileMounted = false;
     }
-    if (!s.directory.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(s.directory, ignored);
-        s.directory.clear();
-    }
+    s.workDirectory.reset();
+    s.directory.clear();
 }
 
 }  // namespace korvo::test

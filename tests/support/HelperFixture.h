@@ -107,8 +107,7 @@ public:
     // Ends the helper (SIGTERM, then SIGKILL) and the bus. Idempotent.
     void stop();
 
-    // The helper and korvoctl binaries of this build.
-    static std::string defaultHelperPath();
+    // The korvoctl binary of this build.
     static std::string korvoctlPath();
     // The test caller signed as the client application, the same program
     // unsigned, and a library for LD_PRELOAD that creates the file named by

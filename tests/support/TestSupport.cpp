@@ -13,6 +13,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,12 +25,6 @@ extern char** environ;
 
 namespace korvo::test {
 
-std::string readWholeFile(const std::string& path) {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
-}
-
 namespace {
 
 std::string withoutTrailingNewlines(std::string text) {
@@ -37,7 +32,29 @@ std::string withoutTrailingNewlines(std::string text) {
     return text;
 }
 
+// The specific message of a helper error's description: after the code's
+// own text and the blank line.
+std::string specificMessage(const std::string& description) {
+    const auto separator = description.find("\n\n");
+    return separator == std::string::npos ? description : description.substr(separator + 2);
+}
+
 }  // namespace
+
+std::string fileText(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+void endChild(const std::shared_ptr<ChildProcess>& child, int signal) {
+    if (!child) return;
+    child->sendSignal(signal);
+    if (!child->waitForExit(5.0)) {
+        child->sendSignal(SIGKILL);
+        child->waitUntilExit();
+    }
+}
 
 ShellResult shell(const std::string& command) {
     int fds[2];
@@ -64,7 +81,7 @@ ShellResult shell(const std::string& command) {
 bool runningIsolated() {
     const char* flag = std::getenv("KORVO_ISOLATED");
     // PID 1 of our PID namespace is the isolating shell, not the machine's init.
-    return flag && std::string(flag) == "1" && readWholeFile("/proc/1/cmdline").find("isolated") != std::string::npos;
+    return flag && std::string(flag) == "1" && fileText("/proc/1/cmdline").find("isolated") != std::string::npos;
 }
 
 TempDir::TempDir(const std::string& base, mode_t mode) {
@@ -208,28 +225,22 @@ LogCapture::LogCapture() {
 
 LogCapture::~LogCapture() { setLogSink(nullptr); }
 
-std::vector<std::string> LogCapture::lines() const {
+std::vector<std::string> LogCapture::linesAt(std::optional<int> priority) const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> out;
-    for (const auto& entry : lines_) out.push_back(entry.second);
-    return out;
-}
-
-std::vector<std::string> LogCapture::errors() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& [priority, line] : lines_) {
-        if (priority == LOG_ERR) out.push_back(line);
+    for (const auto& [linePriority, line] : lines_) {
+        if (!priority || linePriority == *priority) out.push_back(line);
     }
     return out;
 }
+
+std::vector<std::string> LogCapture::lines() const { return linesAt(std::nullopt); }
+
+std::vector<std::string> LogCapture::errors() const { return linesAt(LOG_ERR); }
 
 bool LogCapture::contains(const std::string& line) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& entry : lines_) {
-        if (entry.second == line) return true;
-    }
-    return false;
+    const auto all = lines();
+    return std::find(all.begin(), all.end(), line) != all.end();
 }
 
 void LogCapture::clear() {
@@ -238,10 +249,7 @@ void LogCapture::clear() {
 }
 
 std::string errorMessage(const MaybeError& error) {
-    if (!error) return "(no error)";
-    const std::string description = error->localizedDescription().value_or("");
-    const auto separator = description.find("\n\n");
-    return separator == std::string::npos ? description : description.substr(separator + 2);
+    return error ? specificMessage(error->localizedDescription().value_or("")) : "(no error)";
 }
 
 KeyPair generateKeyPair() {
@@ -268,10 +276,7 @@ PeerNamespace::PeerNamespace(std::string name, std::string hostAddress, std::str
 }
 
 PeerNamespace::~PeerNamespace() {
-    if (wireGuard_) {
-        wireGuard_->sendSignal(SIGINT);
-        if (!wireGuard_->waitForExit(3.0)) wireGuard_->sendSignal(SIGKILL);
-    }
+    wireGuard_.reset();
     if (runningIsolated()) shell("ip link del vh-" + name_ + " 2>/dev/null; ip netns del " + name_ + " 2>/dev/null");
 }
 
@@ -292,21 +297,12 @@ ShellResult PeerNamespace::exec(const std::string& command) const {
 
 std::string PeerNamespace::startWireGuard(const std::string& interfaceName, const KeyPair& keys, int listenPort,
                                           const std::string& helperPublicKey, const std::string& workDirectory) {
-    std::map<std::string, std::string> environment = {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"},
-                                                      {"WG_PROCESS_FOREGROUND", "1"}};
-    const std::string logPath = workDirectory + "/peer-wireguard-go.log";
-    const UniqueFd log(::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    ChildProcess::Options launch;
-    launch.executable = "/bin/ip";
-    launch.arguments = {"netns", "exec", name_, "/usr/bin/wireguard-go", interfaceName};
-    launch.environment = environment;
-    launch.standardOutput = launch.standardError = log.get();
-    int launchError = 0;
-    wireGuard_ = ChildProcess::launch(launch, &launchError);
-    if (!wireGuard_) return "peer wireguard-go not started: " + std::to_string(launchError);
+    wireGuard_ = std::make_unique<BackgroundProgram>(
+        name_, std::vector<std::string>{"/usr/bin/wireguard-go", interfaceName}, workDirectory + "/peer-wireguard-go.log",
+        std::map<std::string, std::string>{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}, {"WG_PROCESS_FOREGROUND", "1"}});
     const std::string socket = "/var/run/wireguard/" + interfaceName + ".sock";
     if (!eventually([&] { return std::filesystem::exists(socket); })) {
-        return "peer wireguard-go made no control socket: " + readWholeFile(logPath);
+        return "peer wireguard-go made no control socket: " + wireGuard_->log();
     }
     const std::string keyPath = workDirectory + "/peer.key";
     std::ofstream(keyPath) << keys.privateKey << "\n";
@@ -362,7 +358,8 @@ OverlayMount::~OverlayMount() {
     if (mounted_) ::umount2(target_.c_str(), MNT_DETACH);
 }
 
-BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath)
+BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath,
+                                     std::optional<std::map<std::string, std::string>> environment)
     : logPath_(std::move(logPath)) {
     UniqueFd log(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     ChildProcess::Options options;
@@ -374,42 +371,34 @@ BackgroundProgram::BackgroundProgram(const std::string& netns, std::vector<std::
         options.arguments = {"netns", "exec", netns};
         options.arguments.insert(options.arguments.end(), argv.begin(), argv.end());
     }
+    options.environment = std::move(environment);
     options.standardOutput = log.get();
     options.standardError = log.get();
-    int error = 0;
-    child_ = ChildProcess::launch(options, &error);
+    child_ = ChildProcess::launch(options, nullptr);
 }
 
-BackgroundProgram::~BackgroundProgram() {
-    if (!child_) return;
-    child_->terminate();
-    if (!child_->waitForExit(5.0)) {
-        child_->sendSignal(SIGKILL);
-        child_->waitUntilExit();
-    }
-}
+BackgroundProgram::~BackgroundProgram() { endChild(child_); }
 
-std::string BackgroundProgram::log() const {
-    std::ifstream in(logPath_);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+std::string BackgroundProgram::log() const { return fileText(logPath_); }
 
 namespace {
 
-// Every process, with the text after "(comm) " of its /proc/PID/stat.
-std::vector<std::pair<pid_t, std::string>> allProcesses() {
-    std::vector<std::pair<pid_t, std::string>> found;
+// The processes for which the test holds, given the fields of their
+// /proc/PID/stat: the command name, the state and the parent.
+std::vector<pid_t> processesWhere(const std::function<bool(pid_t, const std::string&, char, pid_t)>& test) {
+    std::vector<pid_t> found;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string name = entry.path().filename();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::ifstream stat(entry.path() / "stat");
-        std::string line;
-        if (std::getline(stat, line) && line.rfind(')') != std::string::npos) {
-            found.emplace_back(std::stoi(name), line.substr(line.rfind(')') + 2));
-        }
+        const std::string line = fileText(entry.path() / "stat");
+        const auto open = line.find('('), close = line.rfind(')');
+        if (open == std::string::npos || close == std::string::npos) continue;
+        char state = 0;
+        pid_t parent = 0;
+        std::istringstream(line.substr(close + 2)) >> state >> parent;
+        const pid_t pid = std::stoi(name);
+        if (test(pid, line.substr(open + 1, close - open - 1), state, parent)) found.push_back(pid);
     }
     return found;
 }
@@ -417,41 +406,23 @@ std::vector<std::pair<pid_t, std::string>> allProcesses() {
 }  // namespace
 
 std::vector<pid_t> zombieChildrenOf(pid_t parent) {
-    std::vector<pid_t> zombies;
-    for (const auto& [pid, stat] : allProcesses()) {
-        char state = 0;
-        pid_t ppid = 0;
-        std::istringstream(stat) >> state >> ppid;
-        if (ppid == parent && state == 'Z') zombies.push_back(pid);
-    }
-    return zombies;
+    return processesWhere([&](pid_t, const std::string&, char state, pid_t ppid) { return state == 'Z' && ppid == parent; });
 }
-
-std::vector<pid_t> processesRunningFrom(const std::string& directory) {
-    std::vector<pid_t> found;
-    for (const auto& [pid, stat] : allProcesses()) {
-        std::error_code error;
-        const auto exe = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).string();
-        if (!error && exe.rfind(directory + "/", 0) == 0) found.push_back(pid);
-    }
-    return found;
-}
-
 
 std::vector<pid_t> zombieProcesses() {
-    std::vector<pid_t> zombies;
-    for (const auto& [pid, stat] : allProcesses()) {
-        if (!stat.empty() && stat[0] == 'Z') zombies.push_back(pid);
-    }
-    return zombies;
+    return processesWhere([](pid_t, const std::string&, char state, pid_t) { return state == 'Z'; });
 }
 
 std::vector<pid_t> processesNamed(const std::string& name) {
-    std::vector<pid_t> found;
-    for (const auto& [pid, stat] : allProcesses()) {
-        if (withoutTrailingNewlines(readWholeFile("/proc/" + std::to_string(pid) + "/comm")) == name) found.push_back(pid);
-    }
-    return found;
+    return processesWhere([&](pid_t, const std::string& command, char, pid_t) { return command == name; });
+}
+
+std::vector<pid_t> processesRunningFrom(const std::string& directory) {
+    return processesWhere([&](pid_t pid, const std::string&, char, pid_t) {
+        std::error_code error;
+        const auto exe = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).string();
+        return !error && exe.rfind(directory + "/", 0) == 0;
+    });
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -477,12 +448,7 @@ std::vector<std::string> commandLineOf(pid_t pid) {
 }
 
 bool waitUntilGone(pid_t pid, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (::kill(pid, 0) != 0 && errno == ESRCH) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([pid] { return ::kill(pid, 0) != 0 && errno == ESRCH; }, timeout);
 }
 
 namespace {
@@ -506,9 +472,7 @@ std::string errorDomainOf(const Dictionary& reply) {
 
 std::string errorMessageOf(const Dictionary& reply) {
     const Dictionary* error = errorOf(reply);
-    const std::string description = error ? stringForKey(*error, "description").value_or("") : "";
-    const auto split = description.find("\n\n");
-    return split == std::string::npos ? description : description.substr(split + 2);
+    return specificMessage(error ? stringForKey(*error, "description").value_or("") : "");
 }
 
 std::int64_t pidOf(const Dictionary& reply) {

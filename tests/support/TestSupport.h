@@ -5,6 +5,7 @@
 // Every test executable links it (korvo_add_test).
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -26,14 +27,18 @@
 
 namespace korvo::test {
 
+// The whole content of a file; empty when it cannot be read.
+std::string fileText(const std::string& path);
+
+// Ends a child (signal, then SIGKILL after 5 seconds) and waits for it.
+void endChild(const std::shared_ptr<ChildProcess>& child, int signal = SIGTERM);
+
 struct ShellResult {
     int exitStatus = -1;
     std::string output;  // standard output and standard error together
 };
 // Runs a command line with /bin/sh -c and collects its output.
 ShellResult shell(const std::string& command);
-// The file's bytes; empty when it cannot be read.
-std::string readWholeFile(const std::string& path);
 
 // True inside the namespaces of tests/support/isolated; nothing that needs
 // it may touch the machine's own network or files otherwise.
@@ -116,6 +121,7 @@ public:
     void clear();
 
 private:
+    std::vector<std::string> linesAt(std::optional<int> priority) const;
     mutable std::mutex mutex_;
     std::vector<std::pair<int, std::string>> lines_;
 };
@@ -134,6 +140,7 @@ struct KeyPair {
 };
 KeyPair generateKeyPair();
 
+class BackgroundProgram;
 class PeerNamespace {
 public:
     explicit PeerNamespace(std::string name = "korvo-peer", std::string hostAddress = "192.168.77.1",
@@ -158,15 +165,16 @@ public:
 
 private:
     std::string name_, hostAddress_, peerAddress_, problem_;
-    std::shared_ptr<ChildProcess> wireGuard_;
+    std::unique_ptr<BackgroundProgram> wireGuard_;
 };
 
 // A program run in a network namespace (netns empty: in the test's own) with
-// its output in a log file; terminated (then killed) and waited for at the
-// end.
+// its output in a log file (and the environment when given, else the
+// test's); terminated (then killed) and waited for at the end.
 class BackgroundProgram {
 public:
-    BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath);
+    BackgroundProgram(const std::string& netns, std::vector<std::string> argv, std::string logPath,
+                      std::optional<std::map<std::string, std::string>> environment = std::nullopt);
     ~BackgroundProgram();
     bool running() const { return child_ && child_->isRunning(); }
     std::string log() const;

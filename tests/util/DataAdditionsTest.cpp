@@ -16,66 +16,26 @@ Data sequence(std::size_t count) {
 }
 
 TEST(Base64Decoding, SkipsEverythingOutsideTheAlphabetAndDropsTheLastByteAfterAFullGroup) {
-    EXPECT_EQ(base64Decode("QUJD"), bytes("ABC"));
-    EXPECT_EQ(base64Decode("QUJDRA=="), bytes("ABCD"));
-    EXPECT_EQ(base64Decode("QUJDREU="), bytes("ABCDE"));
-    EXPECT_EQ(base64Decode("QU JD"), bytes("ABC"));
-    EXPECT_EQ(base64Decode("Q\r\nU\xff" "J\x80" "D"), bytes("ABC"));
-    // Groups need not follow the input's layout.
-    EXPECT_EQ(base64Decode("QUJ=DRA"), bytes("ABCD"));
-    // Whole groups followed by more input: the final byte is lost.
-    EXPECT_EQ(base64Decode("QUJD\n"), bytes("AB"));
-    EXPECT_EQ(base64Decode("QUJD=="), bytes("AB"));
-    EXPECT_EQ(base64Decode("QUJDREVG\r\n"), bytes("ABCDE"));
-    // A lone value after the last whole group yields nothing.
-    EXPECT_EQ(base64Decode("QUJDR"), bytes("ABC"));
-}
-
-TEST(Base64Decoding, InputWithoutAlphabetCharactersIsEmpty) {
-    EXPECT_TRUE(base64Decode("").empty());
-    EXPECT_TRUE(base64Decode("=").empty());
-    EXPECT_TRUE(base64Decode("====\r\n  ").empty());
-    EXPECT_TRUE(base64Decode(std::string(1000, '\0')).empty());
-    EXPECT_TRUE(base64Decode("Q").empty());
-}
-
-TEST(Base64Decoding, StringWithNonASCIIDecodesToNothing) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"QUJDRA==", "ABCD"}, {"QU JD", "ABC"}, {"Q\r\nU\xff" "J\x80" "D", "ABC"},
+        {"QUJ=DRA", "ABCD"},  // groups need not follow the input's layout
+        // Whole groups followed by more input: the final byte is lost.
+        {"QUJD\n", "AB"}, {"QUJD==", "AB"}, {"QUJDREVG\r\n", "ABCDE"},
+        {"QUJDR", "ABC"},  // a lone value after the last whole group yields nothing
+        {"", ""}, {"====\r\n  ", ""}, {std::string(1000, '\0'), ""}, {"Q", ""},
+    };
+    for (const auto& [text, decoded] : cases) EXPECT_EQ(base64Decode(text), bytes(decoded)) << text;
     EXPECT_EQ(dataFromBase64String("QUJD"), bytes("ABC"));
     EXPECT_TRUE(dataFromBase64String("QUJD\xc3\xa9").empty());
-    EXPECT_TRUE(dataFromBase64String("QUJD\x80").empty());
 }
 
-TEST(Base64Encoding, StandardVectorsWithPadding) {
-    EXPECT_EQ(base64EncodedString(bytes("")), "");
-    EXPECT_EQ(base64EncodedString(bytes("f")), "Zg==");
-    EXPECT_EQ(base64EncodedString(bytes("fo")), "Zm8=");
-    EXPECT_EQ(base64EncodedString(bytes("foo")), "Zm9v");
-    EXPECT_EQ(base64EncodedString(bytes("foobar")), "Zm9vYmFy");
-    EXPECT_EQ(base64EncodedString(Data{0xFB, 0xFF, 0xBF}), "+/+/");
-    EXPECT_EQ(base64EncodedStringWithNewlines(bytes("fo")), "Zm8=");
-}
-
-TEST(Base64Encoding, LinesOf64CharactersSeparatedByCRLF) {
-    const std::string one = base64EncodedStringWithNewlines(sequence(48));
-    EXPECT_EQ(one.size(), 64u);
-    EXPECT_EQ(one.find('\r'), std::string::npos);
-
-    const std::string spill = base64EncodedStringWithNewlines(sequence(49));
-    ASSERT_EQ(spill.size(), 64u + 2 + 4);
-    EXPECT_EQ(spill.substr(64, 2), "\r\n");
-    EXPECT_EQ(spill.substr(68), "==");
-
+// Standard output, lines of 64 characters separated by CR LF, and every
+// length decodes back.
+TEST(Base64Encoding, DecodesBackForEveryLengthAndLayout) {
+    EXPECT_EQ(base64EncodedString(Data{0xFB, 0xFF, 0xBF, 'f'}), "+/+/Zg==");
     const std::string two = base64EncodedStringWithNewlines(sequence(96));
     ASSERT_EQ(two.size(), 64u + 2 + 64);
     EXPECT_EQ(two.substr(64, 2), "\r\n");
-    EXPECT_EQ(two.substr(0, 64), one);
-
-    const std::string flat = base64EncodedString(sequence(1000));
-    EXPECT_EQ(flat.find_first_of("\r\n"), std::string::npos);
-    EXPECT_EQ(flat.size(), 1336u);
-}
-
-TEST(Base64Encoding, DecodesBackForEveryLengthAndLayout) {
     for (std::size_t length = 0; length <= 200; ++length) {
         const Data data = sequence(length);
         const std::string flat = base64EncodedString(data);

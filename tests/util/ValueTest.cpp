@@ -72,15 +72,6 @@ TEST_F(FileSystemTest, AtomicWriteReplacesContentsAndSetsMode) {
     EXPECT_EQ(directoryEntries(dir_)->size(), 1u);
 }
 
-TEST_F(FileSystemTest, FailuresCarryFoundationCodes) {
-    EXPECT_EQ(readFile(dir_ + "/missing").error().code, 260);
-    EXPECT_EQ(removeFile(dir_ + "/missing")->code, 4);
-    EXPECT_EQ(setPosixPermissions(dir_ + "/missing", 0755)->code, 4);
-    EXPECT_EQ(writeFileAtomically(dir_ + "/no/such/dir/f", std::string_view("x"))->code, 4);
-    ASSERT_FALSE(writeFileAtomically(dir_ + "/latin1", std::string_view("\xE9t\xE9")));
-    EXPECT_EQ(readUTF8File(dir_ + "/latin1").error().code, 261);
-}
-
 // A client names the file: whatever it is, the read ends at once, bounded.
 TEST_F(FileSystemTest, ReadsOnlyRegularFilesOfBoundedSize) {
     const auto description = [](const KorvoError& e) { return *e.userInfo->at("NSLocalizedDescription").asString(); };
@@ -111,19 +102,4 @@ TEST_F(FileSystemTest, PermissionsAreSetOnTheFileNeverThroughALink) {
     EXPECT_FALSE(setPosixPermissions(secret, 0640));
     ASSERT_EQ(::stat(secret.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
-}
-
-TEST_F(FileSystemTest, CreatesIntermediateDirectories) {
-    ASSERT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
-    EXPECT_TRUE(isDirectory(dir_ + "/a/b/c"));
-    EXPECT_FALSE(createDirectory(dir_ + "/a/b/c", 0755));
-}
-
-TEST(PathComponents, NameWithoutExtensionAndJoin) {
-    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/My VPN.conf"), "My VPN");
-    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/a.b.ovpn"), "a.b");
-    EXPECT_EQ(lastPathComponentWithoutExtension("noext"), "noext");
-    EXPECT_EQ(lastPathComponentWithoutExtension("/tmp/.hidden"), ".hidden");
-    EXPECT_EQ(appendPathComponent("/tmp/", "x.log"), "/tmp/x.log");
-    EXPECT_EQ(appendPathComponent("/", "x"), "/x");
 }
