@@ -4,13 +4,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "process/CallerFiles.h"
 #include "process/ChildProcess.h"
+#include "process/PipeOutput.h"
 #include "process/ProcessProbe.h"
 #include "process/ProcessWatcher.h"
 
@@ -26,34 +25,6 @@ constexpr std::size_t kOutputLimit = kMaximumCallerFileSize - 4096;
 // limit of its own well below this.
 constexpr auto kPipeGraceAfterExit = std::chrono::seconds(10);
 constexpr auto kPipeGraceAfterTimeout = std::chrono::seconds(2);
-
-// The pipe's contents, filled on the process watcher's thread.
-class PipeText {
-public:
-    void append(std::span<const std::uint8_t> bytes) {
-        std::lock_guard lock(mutex_);
-        const std::size_t room = kOutputLimit - std::min(kOutputLimit, text_.size());
-        text_.append(reinterpret_cast<const char*>(bytes.data()), std::min(room, bytes.size()));
-    }
-    void end() {
-        {
-            std::lock_guard lock(mutex_);
-            ended_ = true;
-        }
-        ended_condition_.notify_all();
-    }
-    std::string takeWhenEnded(std::chrono::seconds grace) {
-        std::unique_lock lock(mutex_);
-        ended_condition_.wait_for(lock, grace, [this] { return ended_; });
-        return std::move(text_);
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable ended_condition_;
-    std::string text_;
-    bool ended_ = false;
-};
 
 std::string errnoText(int error) { return std::strerror(error); }
 
@@ -96,7 +67,7 @@ CaptureRun runCaptureScript(UniqueFd shell, const std::string& script, const std
     }
     // The watcher drains the pipe while this thread waits for the exit, so
     // a script that writes more than the pipe holds never stalls.
-    auto text = std::make_shared<PipeText>();
+    auto text = std::make_shared<PipeOutput>(kOutputLimit, PipeOutput::Keep::Head);
     if (!ProcessWatcher::shared().watchOutput(
             std::move(readEnd), [text](std::span<const std::uint8_t> bytes) { text->append(bytes); },
             [text] { text->end(); })) {

@@ -17,6 +17,7 @@
 
 #include "process/CapturedProcessOutput.h"
 #include "process/ChildProcess.h"
+#include "process/PipeOutput.h"
 #include "process/ProcessProbe.h"
 #include "process/ProcessWatcher.h"
 #include "process/StartedProcesses.h"
@@ -35,39 +36,8 @@ namespace korvo {
 namespace {
 
 
-// What a waited-for child wrote, for the error of a failing exit. Only the
-// tail is kept, so a runaway child cannot fill the helper's memory.
-class OutputTail {
-public:
-    static constexpr std::size_t kLimit = 1 << 20;
-
-    void append(std::span<const std::uint8_t> bytes) {
-        std::lock_guard lock(mutex_);
-        bytes_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        if (bytes_.size() > 2 * kLimit) bytes_.erase(0, bytes_.size() - kLimit);
-    }
-    void end() {
-        {
-            std::lock_guard lock(mutex_);
-            ended_ = true;
-        }
-        condition_.notify_all();
-    }
-    // Everything read until end of file, or until the grace period passed
-    // (a grandchild may hold the pipe open long after the child is gone).
-    std::string readToEnd(std::chrono::milliseconds grace) {
-        std::unique_lock lock(mutex_);
-        condition_.wait_for(lock, grace, [this] { return ended_; });
-        if (bytes_.size() > kLimit) bytes_.erase(0, bytes_.size() - kLimit);
-        return bytes_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    std::string bytes_;
-    bool ended_ = false;
-};
+// What a waited-for child wrote, for the error of a failing exit: its tail.
+constexpr std::size_t kOutputTailLimit = 1 << 20;
 
 std::string pathText(const std::optional<std::string>& path) { return path ? *path : "(null)"; }
 
@@ -159,9 +129,9 @@ struct ChildStreams {
 // Drains the child's output pipe, so that a child writing more than the pipe
 // holds never stalls, whether anyone keeps its output or not. Returns the
 // tail to read an error from, when one is wanted.
-std::shared_ptr<OutputTail> drainOutput(UniqueFd readEnd, bool keepTail,
+std::shared_ptr<PipeOutput> drainOutput(UniqueFd readEnd, bool keepTail,
                                         const std::shared_ptr<CSCapturedProcessOutput>& collector) {
-    auto tail = keepTail ? std::make_shared<OutputTail>() : nullptr;
+    auto tail = keepTail ? std::make_shared<PipeOutput>(kOutputTailLimit, PipeOutput::Keep::Tail) : nullptr;
     const bool drained = ProcessWatcher::shared().watchOutput(
         std::move(readEnd),
         [collector, tail](std::span<const std::uint8_t> bytes) {
@@ -177,8 +147,8 @@ std::shared_ptr<OutputTail> drainOutput(UniqueFd readEnd, bool keepTail,
 
 // A waited child that failed: its output as the error's message, when it
 // wrote any in UTF-8.
-pid_t failedExit(const std::string& path, const std::shared_ptr<OutputTail>& tail, MaybeError* error) {
-    const std::string output = tail ? tail->readToEnd(std::chrono::seconds(2)) : std::string();
+pid_t failedExit(const std::string& path, const std::shared_ptr<PipeOutput>& tail, MaybeError* error) {
+    const std::string output = tail ? tail->takeWhenEnded(std::chrono::seconds(2)) : std::string();
     if (output.empty()) {
         *error = errorWithKorvoErrorCode(kLaunchingCode,
                                          formatString("Cannot successfully run executable at path %s", path.c_str()));
@@ -238,7 +208,7 @@ pid_t runChecked(ProgramRunner& runner, const std::string& path, UniqueFd execut
         return failLaunch(error, kLaunchingCode, formatString("Cannot find executable at path %s", path.c_str()),
                           kCouldNotExecute, path);
     }
-    std::shared_ptr<OutputTail> tail;
+    std::shared_ptr<PipeOutput> tail;
     if (comPort == 0) tail = drainOutput(std::move(streams.outputRead), waitUntilExit && error, collector);
 
     if (!waitUntilExit) {
