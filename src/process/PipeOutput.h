@@ -16,24 +16,24 @@ namespace korvo {
 
 class PipeOutput {
 public:
-  enum class Keep { Head, Tail };
+    enum class Keep { Head, Tail };
 
-  PipeOutput(std::size_t limit, Keep keep) : limit_(limit), keep_(keep) {}
+    PipeOutput(std::size_t limit, Keep keep) : limit_(limit), keep_(keep) {}
 
-  void append(std::span<const std::uint8_t> bytes);
-  // The pipe has ended (or cannot be watched).
-  void end();
-  // Everything collected until the pipe ended, or until grace has passed
-  // (a grandchild may hold the pipe open long after the child is gone).
-  std::string takeWhenEnded(std::chrono::milliseconds grace);
+    void append(std::span<const std::uint8_t> bytes);
+    // The pipe has ended (or cannot be watched).
+    void end();
+    // Everything collected until the pipe ended, or until grace has passed
+    // (a grandchild may hold the pipe open long after the child is gone).
+    std::string takeWhenEnded(std::chrono::milliseconds grace);
 
 private:
-  const std::size_t limit_;
-  const Keep keep_;
-  std::mutex mutex_;
-  std::condition_variable endedCondition_;
-  std::string text_;
-  bool ended_ = false;
+    const std::size_t limit_;
+    const Keep keep_;
+    std::mutex mutex_;
+    std::condition_variable endedCondition_;
+    std::string text_;
+    bool ended_ = false;
 };
 
-} // namespace korvo
+}  // namespace korvo
