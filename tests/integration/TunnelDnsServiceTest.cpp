@@ -59,8 +59,8 @@ protected:
 
     // Opens the connection's transaction (sparing the other one from the
     // sweep) and publishes its DNS.
-    static Dictionary publish(HelperFixture& helper, const std::string& service, const std::string& server,
-                              std::vector<std::string> searchDomains = {}) {
+    Dictionary publish(const std::string& service, const std::string& server,
+                       std::vector<std::string> searchDomains = {}) {
         const Dictionary request{{"identifier", "tx-" + service},
                                  {"action", "reset-network"},
                                  {"tunnelInterface", "utun9"},
@@ -72,10 +72,6 @@ protected:
                                                          {"interfaceName", kLink},
                                                          {"IPv4Addresses", strings({"192.168.77.1"})},
                                                          {"transactionIdentifier", "tx-" + service}});
-    }
-    Dictionary publish(const std::string& service, const std::string& server,
-                       std::vector<std::string> searchDomains = {}) {
-        return publish(helper, service, server, std::move(searchDomains));
     }
     static Dictionary restore(HelperFixture& helper, const std::string& service) {
         return helper.call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-" + service}});
