@@ -177,6 +177,7 @@ public:
                       std::optional<std::map<std::string, std::string>> environment = std::nullopt);
     ~BackgroundProgram();
     bool running() const { return child_ && child_->isRunning(); }
+    pid_t pid() const { return child_ ? child_->pid() : -1; }
     std::string log() const;
 
 private:
