@@ -17,6 +17,8 @@
 namespace korvo {
 namespace {
 
+using test::occurrences;
+
 using namespace std::chrono_literals;
 using test::HelperFixture;
 using ::testing::HasSubstr;
@@ -41,12 +43,6 @@ const std::vector<std::string> kSections = {
     "--- HTTP payload tests (small vs. large response, checks for fragmentation-related stalls)",
 };
 constexpr const char* kNoWg = "wg helper binary is not available or not executable at ''";
-
-std::size_t occurrences(const std::string& text, const std::string& needle) {
-    std::size_t count = 0;
-    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
-    return count;
-}
 
 std::string trigger(const std::string& text) { return " (trigger: " + text + ") ====================\n"; }
 

@@ -11,6 +11,8 @@
 namespace korvo {
 namespace {
 
+using test::strings;
+
 using test::FakeDynamicStore;
 using test::RecordingSnapshots;
 
@@ -36,8 +38,6 @@ NameServerSettings tunnel() {
     s.transactionIdentifier = "tx";
     return s;
 }
-
-Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
 
 TEST(TunnelDnsTest, ValuesFollowTheArguments) {
     struct Case {

@@ -15,9 +15,9 @@
 namespace korvo::platform::dns {
 namespace {
 
-const std::string kOriginal = "# the machine's own\nnameserver 192.0.2.53\nsearch home.example\noptions edns0";
+using test::strings;
 
-Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
+const std::string kOriginal = "# the machine's own\nnameserver 192.0.2.53\nsearch home.example\noptions edns0";
 
 // A store area, a resolv.conf and a state directory of its own.
 struct Machine {

@@ -284,6 +284,23 @@ Dictionary HelperFixture::call(const std::string& operation, const Dictionary& a
     return outcome.reply;
 }
 
+Dictionary HelperFixture::publishDns(const std::string& service, const std::string& server,
+                                     const std::vector<std::string>& searchDomains, const std::string& interfaceName,
+                                     const std::vector<std::string>& active) {
+    std::vector<std::string> spared;
+    for (const auto& other : active) spared.push_back("tx-" + other);
+    const Dictionary request{{"identifier", "tx-" + service},
+                             {"action", "reset-network"},
+                             {"activeTransactionIdentifiers", strings(spared)}};
+    if (auto reply = call("applyNetworkTransaction", {{"request", request}}); !reply.empty()) return reply;
+    return call("updateNameServerAddresses", {{"nameServerAddresses", strings({server})},
+                                              {"searchDomains", strings(searchDomains)},
+                                              {"serviceIdentifier", service},
+                                              {"interfaceName", interfaceName},
+                                              {"IPv4Addresses", strings({"192.168.77.1"})},
+                                              {"transactionIdentifier", "tx-" + service}});
+}
+
 std::string HelperFixture::helperLog() const {
     std::lock_guard lock(state_->logMutex);
     return state_->log;
@@ -292,14 +309,7 @@ std::string HelperFixture::helperLog() const {
 bool HelperFixture::waitForLog(const std::string& text, std::chrono::milliseconds timeout,
                                std::size_t occurrences) const {
     std::unique_lock lock(state_->logMutex);
-    return state_->logGrew.wait_for(lock, timeout, [&] {
-        std::size_t found = 0;
-        for (auto at = state_->log.find(text); at != std::string::npos && found < occurrences;
-             at = state_->log.find(text, at + 1)) {
-            ++found;
-        }
-        return found >= occurrences;
-    });
+    return state_->logGrew.wait_for(lock, timeout, [&] { return test::occurrences(state_->log, text) >= occurrences; });
 }
 
 pid_t HelperFixture::helperPid() const { return state_->helper ? state_->helper->pid() : -1; }
