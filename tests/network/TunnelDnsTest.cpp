@@ -46,13 +46,6 @@ TEST(TunnelDnsTest, ValuesFollowTheArguments) {
         std::function<void(const DnsRun&)> check;
     };
     const Case cases[] = {
-        {"a search domain: split, no override, no global entry",
-         [](auto& s) { s.searchDomains = std::vector<std::string>{"corp.test"}; },
-         [](const DnsRun& r) {
-             EXPECT_EQ(r.value(kService + "/IPv4")->count("OverridePrimary"), 0u);
-             EXPECT_EQ(r.value("State:/Network/Global/DNS"), nullptr);
-             EXPECT_EQ(r.value(kService + "/DNS")->at("SearchDomains"), Value(strings({"corp.test"})));
-         }},
         {"an empty default domain is written and still takes over",
          [](auto& s) { s.defaultDomain = ""; },
          [](const DnsRun& r) {
