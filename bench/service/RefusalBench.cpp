@@ -8,6 +8,7 @@
 //     the code-signing check runs and refuses them: a small unsigned program,
 //     and the same program extended (sparse) to 4 GiB. Median over several
 //     callers, each a new connection. Goal: under 10 ms for the large one.
+// The callers are copies of BenchCaller.cpp.
 #include <algorithm>
 #include <filesystem>
 #include <cstdio>
@@ -74,10 +75,10 @@ int main() {
     }
     const std::string folder = "/run/korvo-bench/";  // the namespace's own /run
     const gid_t korvo = helper.korvoGroupId();
-    const auto withoutGroup = HelperFixture::installProgram(HelperFixture::unsignedCallerPath(), folder + "plain", 0, 0755);
-    const auto small = HelperFixture::installProgram(HelperFixture::unsignedCallerPath(), folder + "small", korvo, 02755);
+    const auto withoutGroup = HelperFixture::installProgram(KORVO_BENCH_CALLER_PATH, folder + "plain", 0, 0755);
+    const auto small = HelperFixture::installProgram(KORVO_BENCH_CALLER_PATH, folder + "small", korvo, 02755);
     const auto large =
-        HelperFixture::installProgram(HelperFixture::unsignedCallerPath(), folder + "large", korvo, 02755, kLargeExecutable);
+        HelperFixture::installProgram(KORVO_BENCH_CALLER_PATH, folder + "large", korvo, 02755, kLargeExecutable);
 
     std::printf("A refused caller sends %d requests of %ld MiB before reading any answer (goal: helper under 64 MiB)\n",
                 kFloodRequests, kFloodBytes >> 20);

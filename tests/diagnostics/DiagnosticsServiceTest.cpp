@@ -10,13 +10,14 @@
 
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
-#include "util/FileSystem.h"
 #if KORVO_HAVE_TEST_BUNDLE
 #include "TestBundle.h"
 #endif
 
 namespace korvo {
 namespace {
+
+using test::occurrences;
 
 using namespace std::chrono_literals;
 using test::HelperFixture;
@@ -42,17 +43,6 @@ const std::vector<std::string> kSections = {
     "--- HTTP payload tests (small vs. large response, checks for fragmentation-related stalls)",
 };
 constexpr const char* kNoWg = "wg helper binary is not available or not executable at ''";
-
-std::string logText(const std::string& path) {
-    const auto text = readUTF8File(path);
-    return text ? *text : std::string();
-}
-
-std::size_t occurrences(const std::string& text, const std::string& needle) {
-    std::size_t count = 0;
-    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
-    return count;
-}
 
 std::string trigger(const std::string& text) { return " (trigger: " + text + ") ====================\n"; }
 
@@ -91,7 +81,7 @@ protected:
         EXPECT_TRUE(helper->call(operation, {{"serviceType", serviceType}, {"accountDescription", account}}).empty());
     }
     bool logHolds(const std::string& needle, std::size_t count = 1, std::chrono::milliseconds timeout = 30s) {
-        return test::eventually([&] { return occurrences(logText(log), needle) >= count; }, timeout);
+        return test::eventually([&] { return occurrences(test::fileText(log), needle) >= count; }, timeout);
     }
 
     test::TempDir dir;
@@ -109,7 +99,7 @@ TEST_F(DiagnosticsServiceTest, EstablishedAndTerminatedConnectionsEachAppendACap
     // Each block is appended in one write: with its header comes all of it.
     ASSERT_TRUE(logHolds(trigger("connection terminated (WireGuard, office)"))) << helper->helperLog();
 
-    const std::string text = logText(log);
+    const std::string text = test::fileText(log);
     EXPECT_EQ(text.rfind("\n==================== ", 0), 0u) << "a block starts with a line feed and the header";
     for (const char* event : {"established", "terminated"}) {
         SCOPED_TRACE(event);
@@ -132,16 +122,16 @@ TEST_F(DiagnosticsServiceTest, NoPeriodicCaptureFollowsOnceCaptureIsSwitchedOff)
 
     setCapture(false);
     // A capture under way when capture was switched off may still finish.
-    const std::size_t periodic = occurrences(logText(log), trigger("periodic (30s)"));
-    EXPECT_FALSE(logHolds(trigger("periodic (30s)"), periodic + 2, 3s)) << logText(log);
+    const std::size_t periodic = occurrences(test::fileText(log), trigger("periodic (30s)"));
+    EXPECT_FALSE(logHolds(trigger("periodic (30s)"), periodic + 2, 3s)) << test::fileText(log);
 
     // Terminations while capture was off are ignored; once it is on again,
     // one is captured and starts no periodic capture.
     setCapture(true);
     report("Terminated", 0, "home");
     ASSERT_TRUE(logHolds(trigger("connection terminated (OpenVPN, home)"))) << helper->helperLog();
-    const std::size_t afterTermination = occurrences(logText(log), trigger("periodic (30s)"));
-    EXPECT_FALSE(logHolds(trigger("periodic (30s)"), afterTermination + 1, 1500ms)) << logText(log);
+    const std::size_t afterTermination = occurrences(test::fileText(log), trigger("periodic (30s)"));
+    EXPECT_FALSE(logHolds(trigger("periodic (30s)"), afterTermination + 1, 1500ms)) << test::fileText(log);
     EXPECT_LE(afterTermination, periodic + 1);
 }
 
@@ -176,7 +166,7 @@ TEST_F(DiagnosticsServiceTest, TheLogIsWrittenWithTheRightsOfTheClientThatNamedI
         ASSERT_EQ(set.exitStatus, 0) << set.standardOutput << set.standardError;
         report("Established", 2, c.what);
         if (c.written) {
-            ASSERT_TRUE(test::eventually([&] { return logText(c.path).find(trigger("connection established (SSH, " + c.what + ")")) != std::string::npos; }, 30s))
+            ASSERT_TRUE(test::eventually([&] { return test::fileText(c.path).find(trigger("connection established (SSH, " + c.what + ")")) != std::string::npos; }, 30s))
                 << helper->helperLog();
             struct stat status {};
             ASSERT_EQ(::stat(c.path.c_str(), &status), 0);
@@ -187,7 +177,7 @@ TEST_F(DiagnosticsServiceTest, TheLogIsWrittenWithTheRightsOfTheClientThatNamedI
                 << helper->helperLog();
         }
     }
-    EXPECT_EQ(logText(rootsFile), "root's\n");
+    EXPECT_EQ(test::fileText(rootsFile), "root's\n");
 }
 
 #if KORVO_HAVE_TEST_BUNDLE
@@ -202,7 +192,7 @@ TEST_F(DiagnosticsServiceTest, TheBundlesWgRunsAsACheckedCopy) {
         setCapture(true);
         report("Established", 5, bundle);
         ASSERT_TRUE(logHolds(trigger("connection established (WireGuard, " + bundle + ")"))) << helper->helperLog();
-        const std::string block = blockOf(logText(log), "connection established (WireGuard, " + bundle + ")");
+        const std::string block = blockOf(test::fileText(log), "connection established (WireGuard, " + bundle + ")");
         const std::string wgState = block.substr(block.find("--- WireGuard state\n"));
         const std::string wgLines = wgState.substr(0, wgState.find("\n--- utun interfaces"));
         if (runs) {

@@ -5,24 +5,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-
 #include "KorvoClient.h"
 #include "support/HelperFixture.h"
+#include "support/TestSupport.h"
 
 namespace korvo {
 namespace {
+
+using test::occurrences;
 
 using test::HelperFixture;
 using ::testing::HasSubstr;
 
 constexpr const char* kRequirementError = "Error: Unable to create signing requirements: ";
 constexpr const char* kIdentifyError = "Error: Unable to identify client: ";
-
-std::size_t occurrences(const std::string& text, const std::string& needle) {
-    std::size_t count = 0;
-    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
-    return count;
-}
 
 class HelperServiceTest : public ::testing::Test {
 protected:

@@ -2,7 +2,6 @@
 // kernel's routing table of the test's own network namespace: routes are
 // recorded with their files, held against other connections, reclaimed from
 // dead ones, undone exactly, and found again after the helper was killed.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +13,6 @@
 #include <thread>
 
 #include "network/RouteConfiguration.h"
-#include "process/ChildProcess.h"
 #include "support/HelperFixture.h"
 #include "support/TestSupport.h"
 #include "transactions/TransactionJournal.h"
@@ -70,28 +68,6 @@ pid_t deadPid() {
     ::waitpid(pid, nullptr, 0);
     return pid;
 }
-
-// A program the test starts (not the helper), ended with the test.
-class OtherProgram {
-public:
-    explicit OtherProgram(std::vector<std::string> argv) {
-        ChildProcess::Options options;
-        options.executable = argv.front();
-        options.arguments.assign(argv.begin() + 1, argv.end());
-        const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-        options.standardInput = options.standardOutput = options.standardError = null.get();
-        int error = 0;
-        child_ = ChildProcess::launch(options, &error);
-    }
-    ~OtherProgram() {
-        if (child_) child_->terminate();
-    }
-    pid_t pid() const { return child_ ? child_->pid() : -1; }
-    bool running() const { return child_ && child_->isRunning(); }
-
-private:
-    std::shared_ptr<ChildProcess> child_;
-};
 
 class NetworkTransactionServiceTest : public ::testing::Test {
 protected:
@@ -241,9 +217,9 @@ TEST_F(NetworkTransactionServiceTest, TheSweepEndsNoProcessItDidNotStartAndRepor
     ASSERT_EQ(helper.start(), std::nullopt);
     // An ssh the helper did not start (the executable the type names), and
     // a process whose executable is another one.
-    const OtherProgram ssh({"/usr/bin/ssh", "-F", "/dev/null", "-o", "ProxyCommand=sleep 600", "-o",
-                            "BatchMode=yes", "-N", "nohost"});
-    const OtherProgram sleeper({"/bin/sleep", "600"});
+    const test::BackgroundProgram ssh("", {"/usr/bin/ssh", "-F", "/dev/null", "-o", "ProxyCommand=sleep 600", "-o",
+                                           "BatchMode=yes", "-N", "nohost"}, "/dev/null");
+    const test::BackgroundProgram sleeper("", {"/bin/sleep", "600"}, "/dev/null");
     const pid_t sshPid = ssh.pid(), sleepPid = sleeper.pid();
     ASSERT_GT(sshPid, 0);
     ASSERT_GT(sleepPid, 0);

@@ -26,8 +26,6 @@ const std::string kLink = "vh-korvo-peer";
 const std::string kStub = "nameserver 127.0.0.53\noptions edns0 trust-ad\n";
 constexpr uid_t kResolveUser = 991;
 
-Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
-
 class ResolvedDnsServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -81,18 +79,8 @@ protected:
         servers.clear();
     }
 
-    Dictionary publish(std::vector<std::string> searchDomains) {
-        const Dictionary transaction{
-            {"identifier", "tx-a"}, {"action", "reset-network"}, {"activeTransactionIdentifiers", strings({"tx-a"})}};
-        if (auto reply = helper->call("applyNetworkTransaction", {{"request", transaction}}); !reply.empty()) {
-            return reply;
-        }
-        return helper->call("updateNameServerAddresses", {{"nameServerAddresses", strings({"192.168.77.2"})},
-                                                          {"searchDomains", strings(searchDomains)},
-                                                          {"serviceIdentifier", "a"},
-                                                          {"interfaceName", kLink},
-                                                          {"IPv4Addresses", strings({"192.168.77.1"})},
-                                                          {"transactionIdentifier", "tx-a"}});
+    Dictionary publish(const std::vector<std::string>& searchDomains, const std::string& link = kLink) {
+        return helper->publishDns("a", "192.168.77.2", searchDomains, link, {"a"});
     }
 
     Dictionary restore() { return helper->call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-a"}}); }
@@ -144,15 +132,7 @@ TEST_F(ResolvedDnsServiceTest, ALinkWithAnotherManagersDnsIsLeftAlone) {
     ASSERT_EQ(shell("busctl --system call org.freedesktop.resolve1 /org/freedesktop/resolve1 "
                     "org.freedesktop.resolve1.Manager SetLinkDNS 'ia(iay)' " + index.substr(0, index.find('\n')) +
                     " 1 2 4 192 168 77 3").exitStatus, 0);
-    const Dictionary transaction{
-        {"identifier", "tx-a"}, {"action", "reset-network"}, {"activeTransactionIdentifiers", strings({"tx-a"})}};
-    ASSERT_EQ(helper->call("applyNetworkTransaction", {{"request", transaction}}), Dictionary{});
-    const auto reply = helper->call("updateNameServerAddresses", {{"nameServerAddresses", strings({"192.168.77.2"})},
-                                                                  {"serviceIdentifier", "a"},
-                                                                  {"interfaceName", "home0"},
-                                                                  {"IPv4Addresses", strings({"192.168.77.1"})},
-                                                                  {"transactionIdentifier", "tx-a"}});
-    EXPECT_EQ(errorMessageOf(reply), "Could not update DNS settings.");
+    EXPECT_EQ(errorMessageOf(publish({}, "home0")), "Could not update DNS settings.");
     EXPECT_TRUE(helper->waitForLog("Error: Not setting the VPN's DNS on 'home0': another program manages its DNS."));
     const auto servers = shell(kResolvedRoot + "/usr/bin/resolvectl dns home0").output;
     EXPECT_NE(servers.find("192.168.77.3"), std::string::npos) << servers;

@@ -24,8 +24,6 @@ const std::string kOriginal =
 const std::string kTunnelA = "192.168.77.2", kTunnelB = "192.168.77.5";
 const std::string kLink = "vh-korvo-peer";
 
-Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
-
 class TunnelDnsServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -57,25 +55,9 @@ protected:
         servers.clear();
     }
 
-    // Opens the connection's transaction (sparing the other one from the
-    // sweep) and publishes its DNS.
-    static Dictionary publish(HelperFixture& helper, const std::string& service, const std::string& server,
-                              std::vector<std::string> searchDomains = {}) {
-        const Dictionary request{{"identifier", "tx-" + service},
-                                 {"action", "reset-network"},
-                                 {"tunnelInterface", "utun9"},
-                                 {"activeTransactionIdentifiers", strings({"tx-a", "tx-b"})}};
-        if (auto reply = helper.call("applyNetworkTransaction", {{"request", request}}); !reply.empty()) return reply;
-        return helper.call("updateNameServerAddresses", {{"nameServerAddresses", strings({server})},
-                                                         {"searchDomains", strings(searchDomains)},
-                                                         {"serviceIdentifier", service},
-                                                         {"interfaceName", kLink},
-                                                         {"IPv4Addresses", strings({"192.168.77.1"})},
-                                                         {"transactionIdentifier", "tx-" + service}});
-    }
     Dictionary publish(const std::string& service, const std::string& server,
-                       std::vector<std::string> searchDomains = {}) {
-        return publish(helper, service, server, std::move(searchDomains));
+                       const std::vector<std::string>& searchDomains = {}) {
+        return helper.publishDns(service, server, searchDomains, kLink, {"a", "b"});
     }
     static Dictionary restore(HelperFixture& helper, const std::string& service) {
         return helper.call("restoreNetworkTransactionWithIdentifier", {{"identifier", "tx-" + service}});

@@ -1,6 +1,7 @@
-// The Linux dynamic store with private paths: persistence across restarts,
-// the resolv.conf it projects (takeover, split, the original back byte for
-// byte), and the safety rules around a file that someone else owns.
+// The Linux dynamic store with private paths: the safety rules around a file
+// that someone else owns or links, client text in resolv.conf, and what a
+// start finds after a reboot. Takeover, split, restart and a rewrite by
+// another program go through the bus (TunnelDnsServiceTest).
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,9 +15,9 @@
 namespace korvo::platform::dns {
 namespace {
 
-const std::string kOriginal = "# the machine's own\nnameserver 192.0.2.53\nsearch home.example\noptions edns0";
+using test::strings;
 
-Array strings(std::vector<std::string> items) { return Array(items.begin(), items.end()); }
+const std::string kOriginal = "# the machine's own\nnameserver 192.0.2.53\nsearch home.example\noptions edns0";
 
 // A store area, a resolv.conf and a state directory of its own.
 struct Machine {
@@ -45,22 +46,6 @@ void publish(LinuxDynamicStore& store, const std::string& service, std::vector<s
     }
 }
 
-TEST(ResolvConfTextTest, TakeoverAndSplit) {
-    DnsPlan split;
-    split.services = {{"b", "tun1", {"10.9.0.1"}, {"corp.test"}}, {"a", "tun0", {"10.8.0.1", "192.0.2.53"}, {}}};
-    EXPECT_EQ(composeResolvConf(kOriginal, split),
-              "# Written by the Korvo helper while a VPN connection's DNS is in force.\n"
-              "# The machine's own file is put back when the connection ends.\n"
-              "# The VPN's name servers come first; glibc asks at most three.\n"
-              "nameserver 10.9.0.1\nnameserver 10.8.0.1\nnameserver 192.0.2.53\n"
-              "search corp.test home.example\noptions edns0\n");
-    DnsPlan takeover = split;
-    takeover.globalServers = {"10.8.0.1"};
-    const std::string text = composeResolvConf(kOriginal, takeover);
-    EXPECT_EQ(parseResolvConf(text).nameServers, std::vector<std::string>{"10.8.0.1"});
-    EXPECT_EQ(parseResolvConf(text).otherLines, std::vector<std::string>{"options edns0"});
-}
-
 TEST(ResolvConfTextTest, ClientTextNeverBecomesALineOfItsOwn) {
     Machine m;
     auto store = m.start();
@@ -71,45 +56,6 @@ TEST(ResolvConfTextTest, ClientTextNeverBecomesALineOfItsOwn) {
     EXPECT_EQ(parsed.nameServers, (std::vector<std::string>{"10.8.0.2", "192.0.2.53"}));
     EXPECT_EQ(parsed.searchDomains, (std::vector<std::string>{"b.test", "home.example"}));
     EXPECT_EQ(parsed.otherLines, std::vector<std::string>{"options edns0"});
-}
-
-TEST(LinuxDynamicStoreTest, PublishedKeysOutliveARestartAndTheOriginalComesBackByteForByte) {
-    Machine m;
-    {
-        auto store = m.start();
-        publish(*store, "a", {"10.8.0.1"}, {}, true);
-        EXPECT_EQ(parseResolvConf(m.resolvConf()).nameServers, std::vector<std::string>{"10.8.0.1"});
-    }
-    // A new helper (after a crash) finds what it published and leaves the
-    // resolver as it is.
-    const std::string written = m.resolvConf();
-    auto store = m.start();
-    EXPECT_EQ(store->copyValue("State:/Network/Global/DNS"),
-              (Dictionary{{"ServerAddresses", strings({"10.8.0.1"})}}));
-    EXPECT_EQ(m.resolvConf(), written);
-    ASSERT_FALSE(store->removeValue("State:/Network/Global/DNS"));
-    EXPECT_EQ(parseResolvConf(m.resolvConf()).nameServers, (std::vector<std::string>{"10.8.0.1", "192.0.2.53"}));
-    ASSERT_FALSE(store->removeValue("State:/Network/Service/a/DNS"));
-    EXPECT_EQ(m.resolvConf(), kOriginal);
-    EXPECT_FALSE(fileExists(m.paths.stateDirectory + "/resolv.conf.original"));
-}
-
-TEST(LinuxDynamicStoreTest, AFileRewrittenByAnotherProgramIsLeftAtTheEnd) {
-    Machine m;
-    auto store = m.start();
-    publish(*store, "a", {"10.8.0.1"}, {}, true);
-    m.dir.write("etc/resolv.conf", "nameserver 192.0.2.99\n");  // a DHCP client, say
-    test::LogCapture log;
-    ASSERT_FALSE(store->removeValue("State:/Network/Global/DNS"));
-    // Still in force: the new file becomes the one to put back.
-    EXPECT_EQ(parseResolvConf(m.resolvConf()).nameServers, (std::vector<std::string>{"10.8.0.1", "192.0.2.99"}));
-    m.dir.write("etc/resolv.conf", "nameserver 192.0.2.100\n");
-    ASSERT_FALSE(store->removeValue("State:/Network/Service/a/DNS"));
-    EXPECT_EQ(m.resolvConf(), "nameserver 192.0.2.100\n");
-    EXPECT_TRUE(log.contains("'" + m.paths.resolvConf +
-                             "' was rewritten by another program while the VPN's DNS was in force; leaving that file "
-                             "and dropping the saved original."));
-    EXPECT_FALSE(fileExists(m.paths.stateDirectory + "/resolv.conf.original"));
 }
 
 TEST(LinuxDynamicStoreTest, StartUpReconcilesWhatAnEarlierRunLeft) {

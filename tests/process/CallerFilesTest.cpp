@@ -28,6 +28,8 @@ struct stat statusOf(const std::string& path) {
     return status;
 }
 
+// Writing and appending as the caller go through the bus too
+// (SystemMaintenanceServiceTest, DiagnosticsServiceTest); here the refusals.
 // A folder of root's that nobody may not write, one of nobody's own, and a
 // sticky world-writable one (nobody may add files there, not replace root's).
 class CallerFilesTest : public ::testing::Test {
@@ -44,18 +46,6 @@ protected:
     const CallerRights nobody{65534, 65534, {65534}};
     const std::string rootOnly = base.file("root-only"), own = base.file("own"), sticky = base.file("sticky");
 };
-
-// Writing, replacing and removing through the bus: SystemMaintenanceServiceTest.
-TEST_F(CallerFilesTest, AppendsAndCreatesFoldersAsTheCaller) {
-    const std::string path = own + "/new/folders/config.ovpn";
-    ASSERT_EQ(writeFileAsCaller(nobody, path, "second", 0600), std::nullopt);
-    EXPECT_EQ(statusOf(own + "/new").st_uid, nobody.userIdentifier);
-    ASSERT_EQ(appendFileAsCaller(nobody, path, " and more", 0644), std::nullopt);
-    EXPECT_EQ(fileText(path), "second and more");
-    ASSERT_EQ(removeFileAsCaller(nobody, path), std::nullopt);
-    EXPECT_FALSE(fs::exists(path));
-    EXPECT_EQ(removeFileAsCaller(nobody, path), std::nullopt) << "a missing file counts as removed";
-}
 
 TEST_F(CallerFilesTest, RefusesWhatOnlyRootMayChange) {
     const std::string inRootFolder = rootOnly + "/shadow", inSticky = sticky + "/root-file";

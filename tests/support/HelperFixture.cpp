@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -107,13 +106,9 @@ std::string busConfiguration(const std::string& socketPath, HelperFixture::Optio
 }
 
 // Writes a copy of /etc/group with a group "korvo" of an unused gid (below
-// 1000) and no members to copyPath and mounts it over /etc/group. Refused
-// outside tests/support/isolated, whose mount namespace keeps it from the
-// machine.
-std::optional<std::string> mountGroupFileWithKorvo(const std::filesystem::path& copyPath, gid_t& gid) {
-    if (const char* isolated = std::getenv("KORVO_ISOLATED"); isolated == nullptr || std::string(isolated) != "1") {
-        return std::string("a group \"korvo\" is made only inside tests/support/isolated");
-    }
+// 1000) and no members to copyPath and mounts it over /etc/group, only inside
+// tests/support/isolated, whose mount namespace keeps it from the machine.
+std::unique_ptr<BindMount> mountGroupFileWithKorvo(const std::filesystem::path& copyPath, gid_t& gid) {
     std::set<gid_t> used;
     std::string kept;
     for (const auto& [file, gidField] : {std::pair<const char*, int>{"/etc/group", 2}, {"/etc/passwd", 3}}) {
@@ -128,10 +123,8 @@ std::optional<std::string> mountGroupFileWithKorvo(const std::filesystem::path& 
     }
     for (gid = 999; gid > 100 && used.count(gid) != 0;) --gid;
     std::ofstream(copyPath) << kept << "korvo:x:" << gid << ":\n";
-    if (::chmod(copyPath.c_str(), 0644) != 0 || ::mount(copyPath.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
-        return std::string("private /etc/group: ") + std::strerror(errno);
-    }
-    return std::nullopt;
+    ::chmod(copyPath.c_str(), 0644);
+    return std::make_unique<BindMount>(copyPath.string(), "/etc/group");
 }
 
 // Runs argv with the bus's address and the environment additions, its output
@@ -165,7 +158,7 @@ struct HelperFixture::State {
     std::shared_ptr<ChildProcess> bus, helper;
     std::optional<int> helperExitStatus;
     gid_t korvoGroupId = static_cast<gid_t>(-1);
-    bool groupFileMounted = false;
+    std::unique_ptr<BindMount> groupFile;
     std::unique_ptr<KorvoClient> client;
 
     mutable std::mutex logMutex;
@@ -209,8 +202,8 @@ std::optional<std::string> HelperFixture::start() {
     s.workDirectory = std::make_unique<TempDir>("/tmp", 0711);
     s.directory = s.workDirectory->path();
     if (s.options.korvoGroup) {
-        if (auto problem = mountGroupFileWithKorvo(s.directory / "group", s.korvoGroupId)) return problem;
-        s.groupFileMounted = true;
+        s.groupFile = mountGroupFileWithKorvo(s.directory / "group", s.korvoGroupId);
+        if (!s.groupFile->ok()) return std::string("a group \"korvo\" is made only inside tests/support/isolated");
     }
 
     const auto configPath = s.directory / "bus.conf";
@@ -291,6 +284,23 @@ Dictionary HelperFixture::call(const std::string& operation, const Dictionary& a
     return outcome.reply;
 }
 
+Dictionary HelperFixture::publishDns(const std::string& service, const std::string& server,
+                                     const std::vector<std::string>& searchDomains, const std::string& interfaceName,
+                                     const std::vector<std::string>& active) {
+    std::vector<std::string> spared;
+    for (const auto& other : active) spared.push_back("tx-" + other);
+    const Dictionary request{{"identifier", "tx-" + service},
+                             {"action", "reset-network"},
+                             {"activeTransactionIdentifiers", strings(spared)}};
+    if (auto reply = call("applyNetworkTransaction", {{"request", request}}); !reply.empty()) return reply;
+    return call("updateNameServerAddresses", {{"nameServerAddresses", strings({server})},
+                                              {"searchDomains", strings(searchDomains)},
+                                              {"serviceIdentifier", service},
+                                              {"interfaceName", interfaceName},
+                                              {"IPv4Addresses", strings({"192.168.77.1"})},
+                                              {"transactionIdentifier", "tx-" + service}});
+}
+
 std::string HelperFixture::helperLog() const {
     std::lock_guard lock(state_->logMutex);
     return state_->log;
@@ -299,14 +309,7 @@ std::string HelperFixture::helperLog() const {
 bool HelperFixture::waitForLog(const std::string& text, std::chrono::milliseconds timeout,
                                std::size_t occurrences) const {
     std::unique_lock lock(state_->logMutex);
-    return state_->logGrew.wait_for(lock, timeout, [&] {
-        std::size_t found = 0;
-        for (auto at = state_->log.find(text); at != std::string::npos && found < occurrences;
-             at = state_->log.find(text, at + 1)) {
-            ++found;
-        }
-        return found >= occurrences;
-    });
+    return state_->logGrew.wait_for(lock, timeout, [&] { return test::occurrences(state_->log, text) >= occurrences; });
 }
 
 pid_t HelperFixture::helperPid() const { return state_->helper ? state_->helper->pid() : -1; }
@@ -344,10 +347,7 @@ void HelperFixture::stop() {
     if (s.logReader.joinable()) s.logReader.join();
     endChild(s.bus);
     s.bus.reset();
-    if (s.groupFileMounted) {
-        ::umount2("/etc/group", MNT_DETACH);
-        s.groupFileMounted = false;
-    }
+    s.groupFile.reset();
     s.workDirectory.reset();
     s.directory.clear();
 }

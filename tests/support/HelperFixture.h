@@ -74,6 +74,14 @@ public:
     Dictionary call(const std::string& operation, const Dictionary& arguments = {},
                     std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
+    // As the client does for a connection: opens the network transaction
+    // "tx-SERVICE" (sparing the transactions "tx-" + active from its sweep),
+    // then publishes the service's DNS server on interfaceName (IPv4 address
+    // 192.168.77.1). The first reply that is not empty, else empty.
+    Dictionary publishDns(const std::string& service, const std::string& server,
+                          const std::vector<std::string>& searchDomains, const std::string& interfaceName,
+                          const std::vector<std::string>& active);
+
     // Everything the helper has written to standard error so far (its log).
     std::string helperLog() const;
     // Waits until the log holds text (at least that many times); false after

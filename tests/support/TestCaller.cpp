@@ -1,15 +1,11 @@
-// A client of the helper for the tests of who may call it and for the refusal
-// benchmark. They install copies of it as the client application is installed
-// (signed, root:korvo 2755) and in the forms the helper must refuse.
+// A client of the helper for the tests of who may call it. They install
+// copies of it as the client application is installed (signed, root:korvo
+// 2755) and in the forms the helper must refuse.
 //
 //   call ADDRESS OPERATION [KEY=VALUE ...]
 //       sends one request with string arguments (KEY:b=true and KEY:x=5 send
 //       a boolean and a 64-bit integer); prints "reply [KEY ...]" or
-//       "error NAME: MESSAGE", then "microseconds N" for the request alone.
-//   flood ADDRESS OPERATION KEY COUNT BYTES
-//       sends COUNT requests, each with KEY set to a string of BYTES bytes,
-//       before it reads any answer; then prints each kind of answer with its
-//       count.
+//       "error NAME: MESSAGE".
 //   wait
 //       waits until its standard input ends.
 //   share ADDRESS CLIENT OPERATION [KEY=VALUE ...]
@@ -24,12 +20,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -97,48 +91,16 @@ int call(sd_bus* bus, int argc, char** argv) {
         if (equals == nullptr) return fail(argv[i], EINVAL);
         arguments.emplace_back(std::string(argv[i], static_cast<std::size_t>(equals - argv[i])), equals + 1);
     }
-    const char* name = nullptr;
-    if (const int r = sd_bus_get_unique_name(bus, &name); r < 0) return fail("connect", r);  // before the clock
     sd_bus_message* m = request(bus, argv[0], arguments);
     if (m == nullptr) return fail("message", ENOMEM);
     sd_bus_message* reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    const auto start = std::chrono::steady_clock::now();
     const int r = sd_bus_call(bus, m, kTimeout, &error, &reply);
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    std::printf("%s\nmicroseconds %lld\n", r < 0 ? errorText(error).c_str() : answerOf(reply).c_str(),
-                static_cast<long long>(std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count()));
+    std::printf("%s\n", r < 0 ? errorText(error).c_str() : answerOf(reply).c_str());
     sd_bus_error_free(&error);
     sd_bus_message_unref(reply);
     sd_bus_message_unref(m);
     return r < 0 ? 1 : 0;
-}
-
-int flood(sd_bus* bus, char** argv) {
-    const long count = std::atol(argv[2]);
-    const std::string text(static_cast<std::size_t>(std::atol(argv[3])), 'x');
-    std::map<std::string, long> answers;
-    const auto onAnswer = [](sd_bus_message* reply, void* tally, sd_bus_error*) {
-        ++(*static_cast<std::map<std::string, long>*>(tally))[answerOf(reply)];
-        return 0;
-    };
-    for (long i = 0; i < count; ++i) {
-        sd_bus_message* m = request(bus, argv[0], {{argv[1], text}});
-        if (m == nullptr) return fail("message", ENOMEM);
-        const int r = sd_bus_call_async(bus, nullptr, m, onAnswer, &answers, kTimeout);
-        sd_bus_message_unref(m);
-        if (r < 0) return fail("send", r);
-        if (const int f = sd_bus_flush(bus); f < 0) return fail("flush", f);  // one message in memory at a time
-    }
-    for (long answered = 0; answered < count;) {
-        const int r = sd_bus_process(bus, nullptr);
-        if (r < 0) return fail("process", r);
-        if (r == 0) sd_bus_wait(bus, UINT64_MAX);
-        answered = 0;
-        for (const auto& [answer, n] : answers) answered += n;
-    }
-    for (const auto& [answer, n] : answers) std::printf("%s %ld\n", answer.c_str(), n);
-    return 0;
 }
 
 sd_bus* openBus(const char* address, int fd) {
@@ -194,16 +156,15 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (mode == "share" && argc >= 5) return share(argc - 2, argv + 2);
-    if ((mode == "call" && argc >= 4) || (mode == "flood" && argc == 7)) {
+    if (mode == "call" && argc >= 4) {
         sd_bus* bus = openBus(argv[2], -1);
         if (bus == nullptr) return fail(argv[2], ECONNREFUSED);
-        const int status = mode == "call" ? call(bus, argc - 3, argv + 3) : flood(bus, argv + 3);
+        const int status = call(bus, argc - 3, argv + 3);
         sd_bus_flush_close_unref(bus);
         return status;
     }
     std::fprintf(stderr,
-                 "usage: %s call ADDRESS OPERATION [KEY=VALUE ...] | flood ADDRESS OPERATION KEY COUNT BYTES | wait |"
-                 " share ADDRESS CLIENT OPERATION [KEY=VALUE ...]\n",
+                 "usage: %s call ADDRESS OPERATION [KEY=VALUE ...] | wait | share ADDRESS CLIENT OPERATION [KEY=VALUE ...]\n",
                  argv[0]);
     return 2;
 }

@@ -47,6 +47,14 @@ std::string fileText(const std::string& path) {
     return out.str();
 }
 
+std::size_t occurrences(const std::string& text, const std::string& needle) {
+    std::size_t count = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
+    return count;
+}
+
+Array strings(const std::vector<std::string>& items) { return Array(items.begin(), items.end()); }
+
 void endChild(const std::shared_ptr<ChildProcess>& child, int signal) {
     if (!child) return;
     child->sendSignal(signal);

@@ -29,6 +29,10 @@ namespace korvo::test {
 
 // The whole content of a file; empty when it cannot be read.
 std::string fileText(const std::string& path);
+// How many times needle occurs in text (overlapping ones counted).
+std::size_t occurrences(const std::string& text, const std::string& needle);
+// An array of strings, as requests carry them.
+Array strings(const std::vector<std::string>& items);
 
 // Ends a child (signal, then SIGKILL after 5 seconds) and waits for it.
 void endChild(const std::shared_ptr<ChildProcess>& child, int signal = SIGTERM);
@@ -177,6 +181,7 @@ public:
                       std::optional<std::map<std::string, std::string>> environment = std::nullopt);
     ~BackgroundProgram();
     bool running() const { return child_ && child_->isRunning(); }
+    pid_t pid() const { return child_ ? child_->pid() : -1; }
     std::string log() const;
 
 private:

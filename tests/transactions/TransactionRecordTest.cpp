@@ -58,18 +58,6 @@ TEST(RouteIdentityTest, MatchesOnDestinationGatewayFamilyAndInterfaceOnly) {
     EXPECT_EQ(RouteIdentity::ofOperation(bare).dictionary(), empty);
 }
 
-TEST(RouteIdentityTest, IndexFindsTheFirstMatchAndSkipsEntriesThatAreNoDictionaries) {
-    const Array routes{Value("junk"), Value(route("10.1.0.0/16")), Value(route("10.2.0.0/16")),
-                       Value(route("10.1.0.0/16"))};
-    EXPECT_EQ(_indexOfRouteIdentity(RouteIdentity::ofOperation(route("10.1.0.0/16")), routes), 1);
-    EXPECT_EQ(_indexOfRouteIdentity(RouteIdentity::ofOperation(route("10.3.0.0/16")), routes),
-              kRouteIdentityNotFound);
-    EXPECT_EQ(_inverseRouteActionForAction("add"), "delete");
-    EXPECT_EQ(_inverseRouteActionForAction("delete"), "add");
-    EXPECT_EQ(_inverseRouteActionForAction("remove"), std::nullopt);
-    EXPECT_EQ(_inverseRouteActionForAction(std::nullopt), std::nullopt);
-}
-
 TEST(TransactionFileStemTest, SanitisesAndKeepsIdentifiersApart) {
     const struct {
         std::string identifier, sanitised;

@@ -100,39 +100,3 @@ TEST_F(TransactionStoreTest, AKilledRequestLeavesEveryAddedRouteOnDisk) {
     const auto value = readPropertyList(std::string(bytes->begin(), bytes->end()));
     EXPECT_EQ(value->asDictionary()->at("activeRoutes").asArray()->size(), 3u);
 }
-
-TEST_F(TransactionStoreTest, FinishedRequestFoldsTheJournalAndTheIndexFollowsTheRecords) {
-    TransactionStore store(area);
-    for (const char* identifier : {"a", "b"}) {
-        auto sequence = store.beginRouteAdd(identifier, route("10.1.0.0/16"));
-        ASSERT_EQ(store.commitRouteAdd(identifier, *sequence, route("10.1.0.0/16")), std::nullopt);
-    }
-    // The add that failed for a new transaction leaves no record behind.
-    auto failed = store.beginRouteAdd("c", route("10.3.0.0/16"));
-    store.abandonRouteAdd("c", *failed);
-    ASSERT_EQ(store.recordRouteDelete("a", route("10.1.0.0/16")), std::nullopt);
-    store.syncJournals();
-    store.foldJournals();
-
-    const RouteIdentity identity = RouteIdentity::ofOperation(route("10.1.0.0/16"));
-    std::lock_guard lock(store.lock());
-    EXPECT_EQ(store.ownerLocked(identity, std::nullopt), "b");
-    EXPECT_EQ(store.ownerLocked(identity, "b"), std::nullopt);
-    EXPECT_EQ(store.recordLocked("c"), nullptr);
-    EXPECT_FALSE(fileExists(store.snapshotPath("c")));
-    const auto journal = readFile(store.journalPath("a"));
-    EXPECT_TRUE(journal.ok() && journal->empty());
-    store.replaceLocked("b", Dictionary{{"identifier", "b"}, {"activeRoutes", Array{Value("junk")}}});
-    EXPECT_EQ(store.ownerLocked(identity, std::nullopt), std::nullopt);
-}
-
-TEST_F(TransactionStoreTest, RemovingATransactionWhoseFileIsGoneSucceeds) {
-    TransactionStore store(area);
-    {
-        std::lock_guard lock(store.lock());
-        store.recordCreatingIfMissingLocked("vpn");
-        ASSERT_EQ(store.persistLocked("vpn"), std::nullopt);
-    }
-    ASSERT_EQ(::unlink(store.snapshotPath("vpn").c_str()), 0);
-    EXPECT_EQ(store.removePersisted("vpn"), std::nullopt);
-}
