@@ -14,6 +14,8 @@
 #include "network/NetworkSystemOperations.h"
 #include "platform/linux/netlink/NetlinkRouteTable.h"
 
+#include "RouteBenchSupport.h"
+
 namespace {
 
 constexpr int kRouteCount = 10000;
@@ -22,19 +24,8 @@ constexpr const char* kGateway = "192.0.2.2";
 
 using Clock = std::chrono::steady_clock;
 
-std::string destination(int i) { return "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0/24"; }
-
-int helperRouteCount() {
-    const std::string command =
-        "ip -4 route show proto " + std::to_string(korvo::platform::kKorvoRouteProtocol) + " | wc -l";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    int count = -1;
-    if (pipe) {
-        if (std::fscanf(pipe, "%d", &count) != 1) count = -1;
-        ::pclose(pipe);
-    }
-    return count;
-}
+using korvo::bench::destination;
+using korvo::bench::helperRouteCount;
 
 bool check(bool condition, const char* what) {
     if (!condition) std::fprintf(stderr, "route-bench: %s\n", what);

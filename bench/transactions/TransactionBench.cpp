@@ -20,6 +20,8 @@
 #include "util/FileSystem.h"
 #include "util/PropertyList.h"
 
+#include "../routes/RouteBenchSupport.h"
+
 namespace {
 
 constexpr int kRouteCount = 10000;
@@ -32,19 +34,8 @@ using Clock = std::chrono::steady_clock;
 using korvo::Dictionary;
 using korvo::Value;
 
-std::string destination(int i) { return "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0/24"; }
-
-int helperRouteCount() {
-    const std::string command =
-        "ip -4 route show proto " + std::to_string(korvo::platform::kKorvoRouteProtocol) + " | wc -l";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    int count = -1;
-    if (pipe) {
-        if (std::fscanf(pipe, "%d", &count) != 1) count = -1;
-        ::pclose(pipe);
-    }
-    return count;
-}
+using korvo::bench::destination;
+using korvo::bench::helperRouteCount;
 
 bool check(bool condition, const char* what) {
     if (!condition) std::fprintf(stderr, "transaction-bench: %s\n", what);
